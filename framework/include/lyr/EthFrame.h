@@ -1,0 +1,63 @@
+#pragma once
+
+#include <lyr/Export.h>
+
+#include <kt/CSlice.h>
+
+namespace Lyr {
+
+// An Ethernet frame: a slice of bytes that holds the complete wire frame (header, then payload)
+// and a timestamp in microseconds. Header fields set through the setters are written into the
+// bytes and kept, so that they survive a later SetData: SetData of a slice with room for the
+// header puts them in front of whatever payload the slice carries.
+class LYR_SHARED EthFrame {
+public:
+    EthFrame();
+    EthFrame(const Kt::CSlice<unsigned char>& data, unsigned long long timestamp);
+    EthFrame(const EthFrame&) = default;
+    EthFrame& operator=(const EthFrame&) = default;
+    ~EthFrame();
+
+    Kt::CSlice<unsigned char>& GetData() { return data; }
+    Kt::CSlice<unsigned char> GetData() const { return data; }
+    void SetData(Kt::CSlice<unsigned char>& newData);
+    // The room of the frame's buffer: the size of the slice the buffer came in with. Narrowing
+    // or widening a slice of the same buffer (same owner and start) keeps it.
+    unsigned int GetCapacity() const { return capacity; }
+
+    void SetTimestamp(unsigned long long microseconds) { timestamp = microseconds; }
+    unsigned long long GetTimestamp() const { return timestamp; }
+
+    void SetDstAddress(unsigned long long mac);
+    void SetSrcAddress(unsigned long long mac);
+    void SetVlanPresent(bool present);
+    void SetVlanTag(unsigned short tag); // priority, DEI and VLAN id, when the VLAN flag is set
+    void SetLengthType(unsigned short lengthType);
+
+    // The header as the bytes hold it (or as set, while the bytes are too short to hold it).
+    unsigned long long GetDstAddress() const;
+    unsigned long long GetSrcAddress() const;
+    bool GetVlanPresent() const;
+    unsigned short GetVlanTag() const;
+    unsigned short GetLengthType() const;
+
+    // 14 bytes, or 18 with a VLAN tag.
+    unsigned int GetHeaderSize() const;
+    // The bytes behind the header, sharing the frame's buffer; empty when the frame is shorter.
+    Kt::CSlice<unsigned char> GetPayload();
+
+private:
+    void WriteHeader();
+
+    Kt::CSlice<unsigned char> data;
+    unsigned int capacity = 0;
+    unsigned long long timestamp = 0;
+    unsigned long long dstAddress = 0;
+    unsigned long long srcAddress = 0;
+    unsigned short lengthType = 0;
+    unsigned short vlanTag = 0;
+    bool bVlanPresent = false;
+    bool bHeaderSet = false; // a setter was used: the header fields are ours, not the bytes'
+};
+
+} // namespace Lyr

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+
+namespace Lyr {
+
+// Loads a plug-in and calls its InitializePlugin. A loaded plug-in stays mapped for the life of
+// the process, since its registrars stand in the factories. On failure returns false and says
+// why in `error`.
+bool LoadPlugin(const std::string& path, std::string& error);
+
+} // namespace Lyr

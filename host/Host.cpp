@@ -1,0 +1,152 @@
+#include "Host.h"
+
+#include <lyr/PluginLoader.h>
+#include <lyr/PluginLookup.h>
+
+#include <kt/CMacAddress.h>
+#include <kt/MyPrintf.h>
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <iostream>
+
+namespace {
+
+std::atomic<bool> bInterrupted{false};
+
+void OnInterrupt(int signalNumber)
+{
+    if (bInterrupted.exchange(true)) {
+        std::signal(signalNumber, SIG_DFL);
+        std::raise(signalNumber);
+    }
+}
+
+// The directory of the running executable, for finding what is installed beside it.
+std::string ExecutableDirectory()
+{
+    char path[4096];
+    ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
+    if (length <= 0)
+        return ".";
+    std::string text(path, static_cast<std::size_t>(length));
+    return text.substr(0, text.rfind('/'));
+}
+
+bool Exists(const std::string& path)
+{
+    return access(path.c_str(), R_OK) == 0;
+}
+
+} // namespace
+
+std::string DefaultPluginPath()
+{
+    if (const char* fromEnvironment = std::getenv("LYRCAP_PLUGIN"))
+        return fromEnvironment;
+    // Installed: ../lib beside bin; build tree: the plug-in's own build folder.
+    const std::string besideUs = ExecutableDirectory() + "/../lib/liblyrpcap.so";
+    if (Exists(besideUs))
+        return besideUs;
+    return LYRCAP_BUILD_PLUGIN;
+}
+
+std::string SamplePath(const std::string& name)
+{
+    const std::string installed = ExecutableDirectory() + "/../share/lyrcap/samples/" + name;
+    if (Exists(installed))
+        return installed;
+    return std::string(LYRCAP_SOURCE_SAMPLES) + "/" + name;
+}
+
+bool LoadBackends(const std::string& pluginPath)
+{
+    std::string error;
+    if (Lyr::LoadPlugin(pluginPath, error))
+        return true;
+    std::cerr << "lyrcap: " << error << "\n";
+    return false;
+}
+
+std::unique_ptr<Lyr::NetFile> CreateNetFile()
+{
+    auto file = Lyr::CreatePlugin<Lyr::NetFile>("pcap");
+    if (!file)
+        std::cerr << "lyrcap: the plug-in registered no capture-file back-end \"pcap\"\n";
+    return file;
+}
+
+void InstallInterruptHandler()
+{
+    std::signal(SIGINT, OnInterrupt);
+    std::signal(SIGTERM, OnInterrupt);
+}
+
+bool Interrupted()
+{
+    return bInterrupted.load();
+}
+
+LogWatch::LogWatch()
+{
+    Kt::SetLogSink([this](const std::string& text) {
+        if (text.find("Invalid packet size") != std::string::npos)
+            ++refused;
+        std::string line = text;
+        if (line.empty() || line.back() != '\n')
+            line += '\n';
+        std::fputs(line.c_str(), stderr);
+    });
+}
+
+LogWatch::~LogWatch()
+{
+    Kt::SetLogSink(nullptr);
+}
+
+std::string FormatEpoch(unsigned long long microseconds)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%llu.%06llu", microseconds / 1000000, microseconds % 1000000);
+    return text;
+}
+
+std::string FormatUtc(unsigned long long microseconds)
+{
+    std::time_t seconds = static_cast<std::time_t>(microseconds / 1000000);
+    std::tm utc{};
+    char date[32] = "?";
+    if (gmtime_r(&seconds, &utc))
+        std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &utc);
+    char text[64];
+    std::snprintf(text, sizeof text, "%s.%06llu UTC", date, microseconds % 1000000);
+    return text;
+}
+
+std::string FormatMac(unsigned long long mac)
+{
+    return Kt::CMacAddress(mac).ToString();
+}
+
+std::string FormatBytes(double bytes)
+{
+    const char* units[] = {"B", "kB", "MB", "GB", "TB"};
+    int unit = 0;
+    while (bytes >= 1000 && unit < 4) {
+        bytes /= 1000;
+        ++unit;
+    }
+    char text[32];
+    std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", bytes, units[unit]);
+    return text;
+}
+
+int UsageError(const std::string& command, const std::string& message)
+{
+    std::cerr << "lyrcap " << command << ": " << message << "\n"
+              << "Try 'lyrcap " << command << " --help'.\n";
+    return ExitUsage;
+}

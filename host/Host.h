@@ -1,0 +1,48 @@
+#pragma once
+
+#include <lyr/NetFile.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+// Services that every command of the host tool shares.
+
+enum ExitStatus { ExitOk = 0, ExitFailure = 1, ExitUsage = 2, ExitInterrupted = 130 };
+
+// Loads the plug-in (path given, or the default) and prints why when it can't.
+bool LoadBackends(const std::string& pluginPath);
+std::string DefaultPluginPath();
+// The shipped sample of that name ("ethernet.pcap"), for commands run without a file.
+std::string SamplePath(const std::string& name);
+
+// A capture-file back-end from the loaded plug-in, or null with a message.
+std::unique_ptr<Lyr::NetFile> CreateNetFile();
+
+// Ctrl-C (and SIGTERM) set a flag that long-running commands poll; a second Ctrl-C while the
+// flag is set kills the process as usual.
+void InstallInterruptHandler();
+bool Interrupted();
+
+// Passes the plug-in's log lines on to standard error and counts the refused packets among them,
+// since Read tells a refused packet from the end of the file only through its message.
+class LogWatch {
+public:
+    LogWatch();
+    ~LogWatch();
+    std::uint64_t RefusedPackets() const { return refused; }
+
+private:
+    std::atomic<std::uint64_t> refused{0};
+};
+
+// "1714564800.123456", as tcpdump -tt prints a time stamp.
+std::string FormatEpoch(unsigned long long microseconds);
+// "2024-05-01 12:00:00.123456 UTC".
+std::string FormatUtc(unsigned long long microseconds);
+std::string FormatMac(unsigned long long mac);
+// "1.5 MB", "812 kB", "96 B".
+std::string FormatBytes(double bytes);
+// Prints a usage error with a pointer to --help.
+int UsageError(const std::string& command, const std::string& message);

@@ -1,0 +1,78 @@
+#include "CommandLine.h"
+#include "Commands.h"
+#include "Host.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iostream>
+
+const std::vector<Command>& AllCommands()
+{
+    static const std::vector<Command> commands = {
+        {"info", "what a capture file holds: link type, packets, bytes, duration", RunInfo},
+        {"replay", "print the frames of a capture file as the back-end delivers them", RunReplay},
+    };
+    return commands;
+}
+
+namespace {
+
+void PrintUsage(std::ostream& out)
+{
+    out << "Usage: lyrcap [--plugin PATH] COMMAND [ARGS]\n\n"
+           "Drives the pcap back-ends of the plug-in as the host framework does: it loads the\n"
+           "plug-in, calls InitializePlugin and takes its back-ends from the factories.\n\n"
+           "Commands:\n";
+    for (const Command& command : AllCommands())
+        out << "  " << command.name << std::string(12 - std::strlen(command.name), ' ') << command.summary << "\n";
+    out << "\nOptions:\n"
+           "  --plugin PATH   the plug-in to load (default: $LYRCAP_PLUGIN, or the one installed\n"
+           "                  beside this program)\n"
+           "  --help          this text; 'lyrcap COMMAND --help' for a command\n\n"
+           "Exit status: 0 done, 1 failed, 2 usage error, 130 interrupted.\n";
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::vector<std::string> words(argv + 1, argv + argc);
+    std::string pluginPath = DefaultPluginPath();
+    // Options before the command belong to the tool itself.
+    while (!words.empty() && words[0].rfind("-", 0) == 0) {
+        if (words[0] == "--help" || words[0] == "-h") {
+            PrintUsage(std::cout);
+            return ExitOk;
+        }
+        if (words[0] == "--plugin" && words.size() > 1) {
+            pluginPath = words[1];
+            words.erase(words.begin(), words.begin() + 2);
+        } else if (words[0].rfind("--plugin=", 0) == 0) {
+            pluginPath = words[0].substr(9);
+            words.erase(words.begin());
+        } else {
+            std::cerr << "lyrcap: unknown option " << words[0] << "\n";
+            PrintUsage(std::cerr);
+            return ExitUsage;
+        }
+    }
+    if (words.empty()) {
+        PrintUsage(std::cerr);
+        return ExitUsage;
+    }
+    for (const Command& command : AllCommands()) {
+        if (words[0] != command.name)
+            continue;
+        std::vector<std::string> args(words.begin() + 1, words.end());
+        // --help needs no plug-in, so it works even where none loads.
+        const bool bHelpOnly = std::find(args.begin(), args.end(), "--help") != args.end() ||
+                               std::find(args.begin(), args.end(), "-h") != args.end();
+        if (!bHelpOnly && !LoadBackends(pluginPath))
+            return ExitFailure;
+        InstallInterruptHandler();
+        return command.run(args);
+    }
+    std::cerr << "lyrcap: unknown command '" << words[0] << "'\n";
+    PrintUsage(std::cerr);
+    return ExitUsage;
+}

@@ -1,0 +1,290 @@
+#include "PcapNetFile.h"
+
+#include "PcapCommon.h"
+
+#include <lyr/EthFrame.h>
+#include <lyr/IpPacket.h>
+
+#include <kt/CMacAddress.h>
+#include <kt/MyPrintf.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+// libpcap opens nanosecond files in microsecond precision by default, so every time stamp that
+// reaches us is in microseconds.
+pcap_t* OpenOffline(const std::string& path)
+{
+    char errbuf[PCAP_ERRBUF_SIZE];
+    errbuf[0] = '\0';
+    pcap_t* handle = pcap_open_offline(path.c_str(), errbuf);
+    if (!handle)
+        Kt::MyPrintf("Error reading pcap file: %s\n", errbuf);
+    return handle;
+}
+
+} // namespace
+
+PcapNetFile::PcapNetFile() = default;
+
+PcapNetFile::~PcapNetFile()
+{
+    Close();
+}
+
+bool PcapNetFile::ConfigureFile(const std::string& path, NetFileMode_e newMode, unsigned long long knownDuration)
+{
+    Close();
+    mode = newMode;
+    if (mode == NetFileMode_Read) {
+        fileName = path;
+        pcapHandle = OpenOffline(fileName);
+        if (!pcapHandle)
+            return false;
+        bReadEnabled = true;
+        InitializeFileStats(knownDuration);
+        rawLinkType = pcap_datalink(pcapHandle) == pcap_datalink_name_to_val("RAW") ? 1 : 0;
+        return true;
+    }
+    if (mode == NetFileMode_Write) {
+        pcapHandle = pcap_open_dead(DLT_EN10MB, MaxFrameSize);
+        if (!pcapHandle)
+            return false;
+        pcapDumper = pcap_dump_open(pcapHandle, path.c_str());
+        if (!pcapDumper)
+            return false;
+        firstTimestamp = timeval{0, 0};
+        currentTimestamp = timeval{0, 0};
+        return true;
+    }
+    return false;
+}
+
+void PcapNetFile::InitializeFileStats(unsigned long long knownDuration)
+{
+    // A handle of its own, so that pcapHandle stays in front of the first packet.
+    pcap_t* scan = OpenOffline(fileName);
+    durationMs = 0;
+    if (!scan)
+        return;
+
+    pcap_pkthdr firstHeader{};
+    pcap_pkthdr lastHeader{};
+    const bool bHaveFirst = pcap_next(scan, &firstHeader) != nullptr;
+    bool bHaveLast = false;
+
+    if (knownDuration != 0) {
+        durationMs = knownDuration;
+    } else {
+        parseProgress = 0;
+        {
+            std::lock_guard<std::mutex> lock(parseMutex);
+            bScanLoopEnded = false;
+        }
+        bParsing = true;
+        if (bHaveFirst) {
+            pcap_pkthdr header;
+            while (pcap_next(scan, &header)) {
+                lastHeader = header;
+                bHaveLast = true;
+                parseProgress += header.len;
+                if (!bParsing)
+                    break;
+            }
+        }
+        {
+            // Under the lock, so that a StopParsingFile that saw the scan running either finds the
+            // loop ended when it takes the lock or is already waiting for this notification.
+            std::lock_guard<std::mutex> lock(parseMutex);
+            bParsing = false;
+            bScanLoopEnded = true;
+        }
+        parseFinished.notify_all();
+
+        // One packet (or none) lasts 0 ms; headers that no read filled are never used.
+        if (bHaveLast) {
+            timeval difference = CalculateTimeDiff(lastHeader.ts, firstHeader.ts);
+            if (IsNegative(difference))
+                PrintNegativeTime("InitializeFileStats");
+            else
+                durationMs = TimeValToMilliseconds(difference);
+        }
+    }
+
+    if (bHaveFirst) {
+        firstTimestamp = firstHeader.ts;
+        currentTimestamp = firstHeader.ts;
+    }
+    pcap_close(scan);
+}
+
+unsigned long long PcapNetFile::GetParseProgress() const
+{
+    return parseProgress;
+}
+
+void PcapNetFile::StopParsingFile()
+{
+    if (!bParsing)
+        return;
+    std::unique_lock<std::mutex> lock(parseMutex);
+    bParsing = false;
+    // The predicate covers spurious wake-ups and a scan that ended on its own just before we took
+    // the lock.
+    parseFinished.wait(lock, [this] { return bScanLoopEnded; });
+}
+
+void PcapNetFile::Close()
+{
+    if (pcapHandle) {
+        pcap_close(pcapHandle);
+        pcapHandle = nullptr;
+    }
+    if (pcapDumper) {
+        pcap_dump_close(pcapDumper);
+        pcapDumper = nullptr;
+    }
+}
+
+bool PcapNetFile::Read(Lyr::EthFrame& frame)
+{
+    if (mode != NetFileMode_Read) {
+        Kt::MyPrintf("Can only read from a file that is set to read.\n");
+        return false;
+    }
+    if (!pcapHandle || !bReadEnabled)
+        return false;
+    pcap_pkthdr header;
+    const unsigned char* packet = pcap_next(pcapHandle, &header);
+    if (!packet)
+        return false;
+    if (!IsCompleteFrame(header.caplen, header.len)) {
+        Kt::MyPrintf("%s", InvalidPacketSizeMessage);
+        return false;
+    }
+    // The caller owes a buffer for the largest packet; one that is short (or missing) gets no
+    // bytes written past its end.
+    const unsigned int needed = header.len + (rawLinkType == 1 ? 14u : 0u); // RAW: plus an untagged header
+    if (!frame.GetData().data || frame.GetCapacity() < needed) {
+        Kt::MyPrintf("Frame buffer too small for packet of %s bytes.\n", std::to_string(header.len).c_str());
+        return false;
+    }
+    if (rawLinkType == 1)
+        ReadRaw(frame, packet, header.len);
+    else
+        ReadEthernet(frame, packet, header.len);
+    frame.SetTimestamp(TimeValToMicroseconds(header.ts));
+    currentTimestamp = header.ts;
+    return true;
+}
+
+void PcapNetFile::ReadEthernet(Lyr::EthFrame& frame, const unsigned char* packet, unsigned int len)
+{
+    Kt::CSlice<unsigned char> bytes = frame.GetData();
+    bytes = bytes.Prefix(len);
+    if (len != 0)
+        std::memmove(bytes.data, packet, len);
+    frame.SetData(bytes);
+}
+
+void PcapNetFile::ReadRaw(Lyr::EthFrame& frame, const unsigned char* packet, unsigned int len)
+{
+    frame.SetDstAddress(Kt::CMacAddress());
+    frame.SetSrcAddress(Kt::CMacAddress());
+    frame.SetVlanPresent(false);
+    frame.SetLengthType(0x0800);
+    const unsigned int total = frame.GetHeaderSize() + len;
+    Kt::CSlice<unsigned char> whole = frame.GetData().Prefix(total);
+    frame.SetData(whole);
+    {
+        Kt::CSlice<unsigned char> payload = frame.GetPayload();
+        if (len != 0)
+            std::memmove(payload.data, packet, len);
+    }
+    Lyr::IpPacket ip(frame.GetPayload());
+    Kt::CIpAddress destination = ip.GetDstAddress();
+    if (destination.IsMulticast())
+        frame.SetDstAddress(Lyr::GetMulticastMacAddress(destination));
+}
+
+unsigned long long PcapNetFile::GetPosition() const
+{
+    timeval difference = CalculateTimeDiff(currentTimestamp, firstTimestamp);
+    if (IsNegative(difference)) {
+        PrintNegativeTime("GetPosition");
+        return 0;
+    }
+    return TimeValToMilliseconds(difference);
+}
+
+unsigned long long PcapNetFile::GetDuration() const
+{
+    if (mode == NetFileMode_Read)
+        return durationMs;
+    if (mode == NetFileMode_Write)
+        return GetPosition();
+    return 0;
+}
+
+void PcapNetFile::SeekBegin(unsigned long long targetMs)
+{
+    if (mode != NetFileMode_Read) {
+        Kt::MyPrintf("Can only seek on a file that is set to read.\n");
+        return;
+    }
+    if (durationMs <= targetMs) {
+        Kt::MyPrintf("Seek time exceeds duration of pcap file.\n");
+        return;
+    }
+    bReadEnabled = false;
+    // Compares the absolute time with a target counted from the first packet: captures with
+    // present-day stamps always start again from the beginning. A lost handle (the file went
+    // away at an earlier seek) is reopened as well, since there is nothing to read on from.
+    if (TimeValToMilliseconds(currentTimestamp) > targetMs || !pcapHandle) {
+        if (pcapHandle) {
+            pcap_close(pcapHandle);
+            pcapHandle = nullptr;
+        }
+        pcapHandle = OpenOffline(fileName);
+        if (!pcapHandle)
+            return;
+        currentTimestamp = firstTimestamp;
+    }
+    if (targetMs != 0) {
+        pcap_pkthdr header;
+        while (pcap_next(pcapHandle, &header)) {
+            currentTimestamp = header.ts;
+            timeval difference = CalculateTimeDiff(currentTimestamp, firstTimestamp);
+            if (IsNegative(difference)) {
+                PrintNegativeTime("SeekBegin");
+                break;
+            }
+            if (targetMs <= TimeValToMilliseconds(difference))
+                break;
+        }
+    }
+    bReadEnabled = true;
+}
+
+void PcapNetFile::Write(const Lyr::EthFrame& frame)
+{
+    if (mode != NetFileMode_Write) {
+        Kt::MyPrintf("Can only write to a file that is set to write.\n");
+        return;
+    }
+    if (!pcapDumper)
+        return;
+    const unsigned long long t = frame.GetTimestamp();
+    const Kt::CSlice<unsigned char> bytes = frame.GetData();
+    pcap_pkthdr header;
+    header.caplen = bytes.size;
+    header.len = bytes.size;
+    header.ts.tv_sec = static_cast<decltype(header.ts.tv_sec)>(t / 1000000);
+    header.ts.tv_usec = static_cast<decltype(header.ts.tv_usec)>(t % 1000000);
+    if (firstTimestamp.tv_sec == 0 && firstTimestamp.tv_usec == 0)
+        firstTimestamp = header.ts;
+    currentTimestamp = header.ts;
+    pcap_dump(reinterpret_cast<u_char*>(pcapDumper), &header, bytes.data);
+}
