@@ -51,10 +51,11 @@ EthFrame::~EthFrame() = default;
 
 void EthFrame::SetData(Kt::CSlice<unsigned char>& newData)
 {
-    if (newData.owner != data.owner || newData.data != data.data)
+    const bool bOtherBuffer = newData.owner != data.owner || newData.data != data.data;
+    if (bOtherBuffer)
         capacity = newData.size;
     data = newData;
-    if (bHeaderSet)
+    if (bHeaderSet && (bOtherBuffer || bHeaderPending))
         WriteHeader();
 }
 
@@ -96,7 +97,8 @@ void EthFrame::SetLengthType(unsigned short type)
 void EthFrame::WriteHeader()
 {
     // A slice too short for the header gets it at its next SetData.
-    if (!data.data || data.size < GetHeaderSize())
+    bHeaderPending = !data.data || data.size < (bVlanPresent ? EthHeaderSize + VlanTagSize : EthHeaderSize);
+    if (bHeaderPending)
         return;
     unsigned char* at = data.data;
     PutMac(at, dstAddress);
@@ -112,36 +114,37 @@ void EthFrame::WriteHeader()
 
 unsigned long long EthFrame::GetDstAddress() const
 {
-    if (bHeaderSet || !data.data || data.size < 6)
+    if (!data.data || data.size < 6)
         return dstAddress;
     return GetMac(data.data);
 }
 
 unsigned long long EthFrame::GetSrcAddress() const
 {
-    if (bHeaderSet || !data.data || data.size < 12)
+    if (!data.data || data.size < 12)
         return srcAddress;
     return GetMac(data.data + 6);
 }
 
 bool EthFrame::GetVlanPresent() const
 {
-    return bHeaderSet ? bVlanPresent : HasVlanTag(data);
+    if (!data.data || data.size < EthHeaderSize)
+        return bVlanPresent;
+    return HasVlanTag(data);
 }
 
 unsigned short EthFrame::GetVlanTag() const
 {
-    if (bHeaderSet)
+    if (!data.data || data.size < EthHeaderSize)
         return vlanTag;
     return HasVlanTag(data) ? GetShort(data.data + 14) : 0;
 }
 
 unsigned short EthFrame::GetLengthType() const
 {
-    if (bHeaderSet)
+    if (!data.data || data.size < EthHeaderSize)
         return lengthType;
-    unsigned int at = HasVlanTag(data) ? 16 : 12;
-    return data.data && data.size >= at + 2 ? GetShort(data.data + at) : 0;
+    return HasVlanTag(data) ? GetShort(data.data + 16) : GetShort(data.data + 12);
 }
 
 unsigned int EthFrame::GetHeaderSize() const

@@ -7,9 +7,11 @@
 namespace Lyr {
 
 // An Ethernet frame: a slice of bytes that holds the complete wire frame (header, then payload)
-// and a timestamp in microseconds. Header fields set through the setters are written into the
-// bytes and kept, so that they survive a later SetData: SetData of a slice with room for the
-// header puts them in front of whatever payload the slice carries.
+// and a timestamp in microseconds. The bytes are the truth: the getters read them. A header set
+// through the setters is written into the bytes at once, and is kept so that it survives a later
+// SetData: it is written again into a slice on another buffer, or into one that was too short to
+// take it when it was set. A slice of the same buffer keeps what its bytes hold, so a frame
+// reused for captured frames after built ones carries the captured headers unchanged.
 class LYR_SHARED EthFrame {
 public:
     EthFrame();
@@ -34,7 +36,7 @@ public:
     void SetVlanTag(unsigned short tag); // priority, DEI and VLAN id, when the VLAN flag is set
     void SetLengthType(unsigned short lengthType);
 
-    // The header as the bytes hold it (or as set, while the bytes are too short to hold it).
+    // The header as the bytes hold it (as set, while the bytes are too short to hold it).
     unsigned long long GetDstAddress() const;
     unsigned long long GetSrcAddress() const;
     bool GetVlanPresent() const;
@@ -57,7 +59,8 @@ private:
     unsigned short lengthType = 0;
     unsigned short vlanTag = 0;
     bool bVlanPresent = false;
-    bool bHeaderSet = false; // a setter was used: the header fields are ours, not the bytes'
+    bool bHeaderSet = false;     // a setter was used: the header fields above are to be kept
+    bool bHeaderPending = false; // set while the bytes had no room for it
 };
 
 } // namespace Lyr

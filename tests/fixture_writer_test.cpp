@@ -1,0 +1,184 @@
+// The fixture writer is checked against libpcap itself, so our reader is never validated only
+// against files of our own making.
+
+#include "CaptureFileWriter.h"
+
+#include <gtest/gtest.h>
+#include <pcap/pcap.h>
+
+#include <fstream>
+#include <iterator>
+#include <memory>
+
+using namespace fixture;
+
+namespace {
+
+struct ReadResult {
+    std::vector<Record> records; // fraction in nanoseconds
+    int linkType = -1;
+    int snaplen = -1;
+    int endCode = 0; // the pcap_next_ex result that stopped reading
+    std::string error;
+};
+
+// Nanosecond precision shows micro and nano stamps exactly and tells the two magics apart.
+ReadResult ReadWithLibpcap(const std::string& path)
+{
+    ReadResult r;
+    char errbuf[PCAP_ERRBUF_SIZE];
+    pcap_t* p = pcap_open_offline_with_tstamp_precision(path.c_str(), PCAP_TSTAMP_PRECISION_NANO,
+                                                        errbuf);
+    if (!p) {
+        r.error = errbuf;
+        return r;
+    }
+    r.linkType = pcap_datalink(p);
+    r.snaplen = pcap_snapshot(p);
+    pcap_pkthdr* h;
+    const u_char* d;
+    while ((r.endCode = pcap_next_ex(p, &h, &d)) == 1)
+        r.records.push_back({h->ts.tv_sec, h->ts.tv_usec, h->caplen, h->len, {d, d + h->caplen}});
+    if (r.endCode == PCAP_ERROR)
+        r.error = pcap_geterr(p);
+    pcap_close(p);
+    return r;
+}
+
+std::string TempPath(const std::string& name) { return testing::TempDir() + "fxw_" + name; }
+
+// Odd sizes exercise pcapng padding; the last record is cut by the snaplen (caplen < len).
+std::vector<Record> Records(Precision precision)
+{
+    const int64_t ns[] = {5, 123456789, 999999999};
+    const uint32_t caplen[] = {61, 1499, 101}, len[] = {61, 1499, 1514};
+    std::vector<Record> records;
+    for (int i = 0; i < 3; ++i) {
+        int64_t fraction = precision == Precision::Nano ? ns[i] : ns[i] / 1000;
+        records.push_back({1714564800 + i, fraction, caplen[i], len[i], Payload(caplen[i], i)});
+    }
+    return records;
+}
+
+} // namespace
+
+TEST(FixtureWriter, FilesReadBackThroughLibpcap)
+{
+    struct Case {
+        const char* name;
+        bool pcapng;
+        FileOptions options;
+        int dlt;
+    } cases[] = {
+        {"micro.pcap", false, {Precision::Micro, ByteOrder::Little, 65535, kLinkTypeEthernet}, DLT_EN10MB},
+        {"nano.pcap", false, {Precision::Nano, ByteOrder::Little, 65535, kLinkTypeEthernet}, DLT_EN10MB},
+        {"big.pcap", false, {Precision::Nano, ByteOrder::Big, 9000, kLinkTypeRaw}, DLT_RAW},
+        {"micro.pcapng", true, {Precision::Micro, ByteOrder::Big, 65535, kLinkTypeEthernet}, DLT_EN10MB},
+        {"nano.pcapng", true, {Precision::Nano, ByteOrder::Little, 2000, kLinkTypeRaw}, DLT_RAW},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto records = Records(c.options.precision);
+        std::unique_ptr<RecordWriter> writer;
+        if (c.pcapng)
+            writer = std::make_unique<PcapngWriter>(TempPath(c.name), c.options);
+        else
+            writer = std::make_unique<CaptureFileWriter>(TempPath(c.name), c.options);
+        for (const Record& r : records)
+            writer->Add(r);
+        writer->Close();
+
+        ReadResult read = ReadWithLibpcap(TempPath(c.name));
+        ASSERT_EQ(read.error, "");
+        EXPECT_EQ(read.endCode, PCAP_ERROR_BREAK); // clean end of file
+        EXPECT_EQ(read.linkType, c.dlt);
+        EXPECT_EQ(read.snaplen, int(c.options.snaplen));
+        ASSERT_EQ(read.records.size(), records.size());
+        const int64_t toNs = c.options.precision == Precision::Nano ? 1 : 1000;
+        for (size_t i = 0; i < records.size(); ++i) {
+            EXPECT_EQ(read.records[i].seconds, records[i].seconds);
+            EXPECT_EQ(read.records[i].fraction, records[i].fraction * toNs);
+            EXPECT_EQ(read.records[i].caplen, records[i].caplen);
+            EXPECT_EQ(read.records[i].len, records[i].len);
+            EXPECT_EQ(read.records[i].data, records[i].data);
+        }
+    }
+}
+
+TEST(FixtureWriter, CutFilesEndWithLibpcapTruncationErrors)
+{
+    const std::string path = TempPath("cut.pcap");
+    auto records = Records(Precision::Micro);
+    records[2].data.resize(50); // record claims 101 bytes, file holds 50
+    {
+        CaptureFileWriter writer(path);
+        for (const Record& r : records)
+            writer.Add(r);
+    } // the destructor closes
+    ReadResult read = ReadWithLibpcap(path);
+    EXPECT_EQ(read.records.size(), 2u);
+    EXPECT_EQ(read.endCode, PCAP_ERROR);
+    EXPECT_NE(read.error.find("truncated"), std::string::npos) << read.error;
+
+    const uint64_t firstRecordEnd = 24 + 16 + 61;
+    TruncateFile(path, firstRecordEnd + 5); // inside the second record header
+    read = ReadWithLibpcap(path);
+    EXPECT_EQ(read.records.size(), 1u);
+    EXPECT_EQ(read.endCode, PCAP_ERROR);
+    EXPECT_NE(read.error.find("truncated"), std::string::npos) << read.error;
+
+    TruncateFile(path, firstRecordEnd); // on a record boundary: a short but valid file
+    read = ReadWithLibpcap(path);
+    EXPECT_EQ(read.records.size(), 1u);
+    EXPECT_EQ(read.endCode, PCAP_ERROR_BREAK);
+}
+
+TEST(FixtureWriter, FileAndMemoryOutputsAreIdentical)
+{
+    // Enough data to pass the file sink's internal flush point more than once.
+    const std::string path = TempPath("big.pcapng");
+    std::vector<uint8_t> memory;
+    {
+        PcapngWriter toFile(path), toMemory(memory);
+        for (int i = 0; i < 3000; ++i) {
+            auto frame = Payload(997 + i % 7, uint8_t(i));
+            toFile.Add(i, i, frame);
+            toMemory.Add(i, i, frame);
+        }
+    }
+    std::ifstream in(path, std::ios::binary);
+    std::vector<uint8_t> file{std::istreambuf_iterator<char>(in), {}};
+    EXPECT_GT(file.size(), 3000000u);
+    EXPECT_TRUE(file == memory);
+}
+
+TEST(FixtureWriter, BuiltPacketsMatchLibpcapFiltersAndChecksum)
+{
+    auto ip = Ipv4Packet(Ipv4Address(10, 0, 0, 1), Ipv4Address(224, 0, 0, 1), kIpProtocolUdp,
+                         UdpDatagram(1234, 5678, Payload(11, 3)));
+    auto frame = EthernetFrame(0x0a0b0c0d0e0f, 0x010203040506, kEtherTypeIpv4, ip);
+    ASSERT_EQ(frame.size(), 14u + 20 + 8 + 11);
+
+    pcap_t* dead = pcap_open_dead(DLT_EN10MB, 65535);
+    bpf_program prog;
+    ASSERT_EQ(pcap_compile(dead,
+                           &prog,
+                           "ether src 01:02:03:04:05:06 and ether dst 0a:0b:0c:0d:0e:0f and "
+                           "src host 10.0.0.1 and dst host 224.0.0.1 and udp src port 1234 and "
+                           "udp dst port 5678 and ip[2:2] = 39 and udp[4:2] = 19",
+                           1, PCAP_NETMASK_UNKNOWN),
+              0)
+        << pcap_geterr(dead);
+    pcap_pkthdr hdr{};
+    hdr.caplen = hdr.len = uint32_t(frame.size());
+    EXPECT_NE(pcap_offline_filter(&prog, &hdr, frame.data()), 0);
+    pcap_freecode(&prog);
+    pcap_close(dead);
+
+    uint32_t sum = 0; // a correct IPv4 header sums to 0xffff in ones' complement
+    for (size_t i = 0; i < 20; i += 2)
+        sum += ip[i] << 8 | ip[i + 1];
+    EXPECT_EQ((sum & 0xffff) + (sum >> 16), 0xffffu);
+    EXPECT_EQ(Payload(64, 3), Payload(64, 3));
+    EXPECT_NE(Payload(64, 3), Payload(64, 4));
+}

@@ -1,0 +1,153 @@
+#include <lyr/BufferPool.h>
+#include <lyr/EthFrame.h>
+#include <lyr/IpPacket.h>
+#include <lyr/PluginLookup.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// A kind of interface of the test's own, so that its factory starts empty.
+struct Widget {
+    virtual ~Widget() = default;
+    virtual int Id() const = 0;
+};
+struct RedWidget : Widget {
+    int Id() const override { return 1; }
+};
+struct BlueWidget : Widget {
+    int Id() const override { return 2; }
+};
+
+} // namespace
+
+TEST(PluginFactory, RegistrationReplacesSilentlyAndNamesAreExact)
+{
+    auto& registrars = Lyr::PluginFactory<Widget>::Instance().registrars;
+    static Lyr::PluginRegistrar<Widget, RedWidget> red("pcap");
+    EXPECT_EQ(registrars.size(), 1u);
+    auto first = Lyr::CreatePlugin<Widget>("pcap"), second = Lyr::CreatePlugin<Widget>("pcap");
+    ASSERT_TRUE(first && second);
+    EXPECT_NE(first.get(), second.get());
+    first.reset();
+    EXPECT_EQ(second->Id(), 1);
+
+    static Lyr::PluginRegistrar<Widget, BlueWidget> blue("pcap"); // the last registration wins
+    EXPECT_EQ(registrars.size(), 1u);
+    EXPECT_EQ(Lyr::CreatePlugin<Widget>("pcap")->Id(), 2);
+    EXPECT_EQ(Lyr::FindRegistrar<Widget>("PCAP"), nullptr);
+    EXPECT_EQ(Lyr::FindRegistrar<Widget>("pcap "), nullptr);
+    EXPECT_EQ(Lyr::FindRegistrar<Widget>("pca"), nullptr);
+}
+
+TEST(EthFrame, HeaderSetBeforeDataLandsInFrontOfThePayload)
+{
+    Lyr::BufferPool pool(1, 64);
+    Lyr::EthFrame frame(pool.GetBuffer(), 0);
+    frame.SetDstAddress(0x01005e000001ULL);
+    frame.SetSrcAddress(0x001122334455ULL);
+    frame.SetVlanPresent(false);
+    frame.SetLengthType(0x0800);
+    Kt::CSlice<unsigned char> whole = frame.GetData().Prefix(frame.GetHeaderSize() + 4);
+    frame.SetData(whole);
+    std::memcpy(frame.GetPayload().data, "\x45\x00\x00\x14", 4);
+
+    const unsigned char expected[] = {0x01, 0x00, 0x5e, 0x00, 0x00, 0x01, 0x00, 0x11, 0x22,
+                                      0x33, 0x44, 0x55, 0x08, 0x00, 0x45, 0x00, 0x00, 0x14};
+    const Kt::CSlice<unsigned char> wire = static_cast<const Lyr::EthFrame&>(frame).GetData();
+    ASSERT_EQ(wire.size, sizeof expected);
+    EXPECT_EQ(std::memcmp(wire.data, expected, sizeof expected), 0);
+    EXPECT_EQ(frame.GetCapacity(), 64u); // narrowing the same buffer keeps its room
+
+    frame.SetVlanPresent(true);
+    frame.SetVlanTag(0x0005);
+    EXPECT_EQ(frame.GetHeaderSize(), 18u);
+    EXPECT_EQ(frame.GetData().data[12], 0x81);
+    EXPECT_EQ(frame.GetData().data[15], 0x05);
+    EXPECT_EQ(frame.GetData().data[17], 0x00); // type follows the tag
+}
+
+TEST(EthFrame, CapturedBytesAreReadAsTheyCame)
+{
+    unsigned char bytes[] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0, 1, 2, 3, 4, 5, 0x81, 0x00, 0x20, 0x07, 0x08, 0x06, 9};
+    Lyr::EthFrame frame(Kt::CSlice<unsigned char>(nullptr, bytes, sizeof bytes), 42);
+    EXPECT_EQ(frame.GetDstAddress(), 0xffffffffffffULL);
+    EXPECT_EQ(frame.GetSrcAddress(), 0x000102030405ULL);
+    EXPECT_TRUE(frame.GetVlanPresent());
+    EXPECT_EQ(frame.GetVlanTag(), 0x2007);
+    EXPECT_EQ(frame.GetLengthType(), 0x0806);
+    EXPECT_EQ(frame.GetPayload().size, 1u);
+    EXPECT_EQ(frame.GetTimestamp(), 42u);
+}
+
+TEST(IpPacket, ReadsOnlyWithinItsSlice)
+{
+    // The bytes behind the slice would make a multicast destination if they were read.
+    unsigned char bytes[20] = {0x45};
+    bytes[16] = 224;
+    for (unsigned int size = 0; size < 20; ++size) {
+        Lyr::IpPacket packet(Kt::CSlice<unsigned char>(nullptr, bytes, size));
+        EXPECT_TRUE(packet.GetDstAddress() == Kt::CIpAddress::MinIpAddress) << size;
+    }
+    Lyr::IpPacket whole(Kt::CSlice<unsigned char>(nullptr, bytes, 20));
+    EXPECT_TRUE(whole.GetDstAddress().IsMulticast());
+    Lyr::IpPacket none(Kt::CSlice<unsigned char>(nullptr, nullptr, 20));
+    EXPECT_FALSE(none.IsValid());
+
+    Kt::CIpAddress group;
+    ASSERT_TRUE(Kt::CIpAddress::Parse("239.129.2.3", group)); // the top bit of the low 24 is dropped
+    EXPECT_EQ(static_cast<unsigned long long>(Lyr::GetMulticastMacAddress(group)), 0x01005e010203ULL);
+}
+
+TEST(BufferPool, BuffersReturnWithTheirLastSliceFromAnyThread)
+{
+    Lyr::BufferPool pool(2, 100);
+    {
+        Kt::CSlice<unsigned char> a = pool.GetBuffer(), b = pool.GetBuffer();
+        EXPECT_EQ(pool.GetFreeCount(), 0u);
+        EXPECT_NE(a.data, b.data);
+        Kt::CSlice<unsigned char> extra = pool.GetBuffer(); // all out: still a usable buffer
+        ASSERT_NE(extra.data, nullptr);
+        EXPECT_EQ(extra.size, 100u);
+        std::memset(extra.data, 0xab, extra.size);
+        EXPECT_EQ(pool.GetOverflowCount(), 1u);
+        Kt::CSlice<unsigned char> keep = a.Prefix(10);
+        a = Kt::CSlice<unsigned char>();
+        EXPECT_EQ(pool.GetFreeCount(), 0u); // `keep` still holds it
+        std::thread([keep]() mutable { keep = Kt::CSlice<unsigned char>(); }).join();
+    }
+    EXPECT_EQ(pool.GetFreeCount(), 2u);
+
+    // Many threads taking and returning at once never hand one buffer out twice.
+    std::vector<std::thread> threads;
+    std::atomic<int> clashes{0};
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&pool, &clashes, t] {
+            for (int i = 0; i < 20000; ++i) {
+                Kt::CSlice<unsigned char> s = pool.GetBuffer();
+                s.data[0] = static_cast<unsigned char>(t);
+                std::this_thread::yield();
+                if (s.data[0] != t)
+                    ++clashes;
+            }
+        });
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(clashes, 0);
+    EXPECT_EQ(pool.GetFreeCount(), 2u);
+}
+
+TEST(BufferPool, ABufferMayOutliveItsPool)
+{
+    Kt::CSlice<unsigned char> survivor;
+    {
+        Lyr::BufferPool pool(1, 16);
+        survivor = pool.GetBuffer();
+    }
+    std::memset(survivor.data, 1, survivor.size); // AddressSanitizer would see freed memory
+    EXPECT_EQ(survivor.size, 16u);
+}

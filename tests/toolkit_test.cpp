@@ -1,0 +1,160 @@
+#include <kt/CDelegate.h>
+#include <kt/CIpAddress.h>
+#include <kt/CMacAddress.h>
+#include <kt/CSlice.h>
+#include <kt/CThread.h>
+
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// A count block whose destruction the test can see.
+struct TestOwner {
+    Kt::CPtrRef ref{1, &Destroy};
+    int destroyed = 0;
+    static void Destroy(Kt::CPtrRef* block) { ++reinterpret_cast<TestOwner*>(block)->destroyed; }
+};
+
+using Delegate = Kt::CDelegate<void(int)>;
+
+} // namespace
+
+TEST(Slice, CountsFollowCopyAssignmentAndPrefix)
+{
+    unsigned char bytes[16] = {};
+    TestOwner a, b;
+    {
+        auto first = Kt::CSlice<unsigned char>::Adopt(&a.ref, bytes, 16);
+        Kt::CSlice<unsigned char> copy(first);
+        EXPECT_EQ(a.ref.refCount, 2u);
+
+        copy = copy; // self-assignment and same-owner assignment leave the count alone
+        copy = first.Prefix(4);
+        EXPECT_EQ(a.ref.refCount, 2u);
+        EXPECT_EQ(copy.size, 4u);
+        EXPECT_EQ(copy.data, bytes);
+
+        Kt::CSlice<unsigned char> empty = first.Prefix(0); // still a reference
+        EXPECT_EQ(a.ref.refCount, 3u);
+        EXPECT_EQ(empty.size, 0u);
+
+        // The target held the last reference of b: b goes, a gains one.
+        auto other = Kt::CSlice<unsigned char>::Adopt(&b.ref, bytes + 8, 8);
+        other = first;
+        EXPECT_EQ(b.destroyed, 1);
+        EXPECT_EQ(a.ref.refCount, 4u);
+
+        Kt::CSlice<unsigned char> unowned(nullptr, bytes, 3), unownedCopy(unowned);
+        unownedCopy = unowned.Prefix(2);
+        EXPECT_EQ(unownedCopy.owner, nullptr);
+        EXPECT_EQ(unownedCopy.size, 2u);
+        EXPECT_EQ(a.destroyed, 0);
+    }
+    EXPECT_EQ(a.destroyed, 1);
+    EXPECT_EQ(a.ref.refCount, 0u);
+}
+
+TEST(Delegate, FiresLastEntryFirstEachOnce)
+{
+    Delegate empty;
+    empty.Fire(1); // nothing to call
+
+    Delegate delegate;
+    std::vector<std::string> calls;
+    for (const char* name : {"A", "B", "C"})
+        delegate.functors.push_back(Kt::MakeFunctor<void(int)>([&calls, name](int) { calls.push_back(name); }));
+    delegate.Fire(7);
+    EXPECT_EQ(calls, (std::vector<std::string>{"C", "B", "A"}));
+}
+
+TEST(Delegate, FunctorRemovingItselfKeepsItsHolderUntilTheCallEnds)
+{
+    Delegate delegate;
+    auto alive = std::make_shared<int>(0);
+    std::weak_ptr<int> watch = alive;
+    bool bAliveDuringCall = false;
+    delegate.functors.push_back(Kt::MakeFunctor<void(int)>([&, alive](int) {
+        delegate.functors.clear(); // the list held the only other reference
+        bAliveDuringCall = !watch.expired();
+    }));
+    alive.reset();
+    delegate.Fire(0);
+    EXPECT_TRUE(bAliveDuringCall);
+    EXPECT_TRUE(watch.expired()); // destroyed right after the call, on this thread
+}
+
+TEST(Delegate, ThrowingFunctorStopsTheFireAndReleasesEveryCopy)
+{
+    Delegate delegate;
+    std::vector<std::string> calls;
+    delegate.functors.push_back(Kt::MakeFunctor<void(int)>([&](int) { calls.push_back("first"); }));
+    delegate.functors.push_back(Kt::MakeFunctor<void(int)>([](int) { throw std::runtime_error("boom"); }));
+    delegate.functors.push_back(Kt::MakeFunctor<void(int)>([&](int) { calls.push_back("last"); }));
+    EXPECT_THROW(delegate.Fire(0), std::runtime_error);
+    EXPECT_EQ(calls, std::vector<std::string>{"last"}); // behind the thrower ran, before it not
+    for (const auto& functor : delegate.functors)
+        EXPECT_EQ(functor.holder->refCount, 1u);
+}
+
+namespace {
+
+struct Counter {
+    std::atomic<int> passes{0};
+    char name[16] = {};
+    bool Pass()
+    {
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        ++passes;
+        Kt::CThread::Sleep(60000); // only a Cancel can end this in time
+        return true;
+    }
+};
+
+} // namespace
+
+TEST(Thread, CancelEndsASleepingBodyPromptlyAndTheThreadIsNamed)
+{
+    Counter counter;
+    auto body = Kt::MakeMemberFunctor0<Counter, bool, &Counter::Pass>(&counter);
+    EXPECT_EQ(body.holder, nullptr);
+    Kt::CThread thread(body, "LYR-PcapInIf", Kt::CThread::GetPriority());
+    ASSERT_TRUE(thread.Run());
+    while (counter.passes == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const auto start = std::chrono::steady_clock::now();
+    thread.Cancel();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_EQ(counter.passes, 1);
+    EXPECT_STREQ(counter.name, "LYR-PcapInIf");
+}
+
+TEST(Addresses, ParseFormatAndClassify)
+{
+    Kt::CIpAddress ip;
+    ASSERT_TRUE(Kt::CIpAddress::Parse("224.0.0.1", ip));
+    EXPECT_TRUE(ip.IsMulticast());
+    EXPECT_EQ(ip.GetIp(false), "224.0.0.1");
+    EXPECT_TRUE(ip != Kt::CIpAddress::MinIpAddress);
+    for (const char* bad : {"", "1.2.3", "1.2.3.4.5", "256.1.1.1", "1.2.3.4 ", "a.b.c.d"})
+        EXPECT_FALSE(Kt::CIpAddress::Parse(bad, ip)) << bad;
+    ASSERT_TRUE(Kt::CIpAddress::Parse("239.255.255.255", ip));
+    EXPECT_TRUE(ip.IsMulticast());
+    ASSERT_TRUE(Kt::CIpAddress::Parse("240.0.0.1", ip));
+    EXPECT_FALSE(ip.IsMulticast());
+
+    Kt::CMacAddress mac;
+    EXPECT_EQ(static_cast<unsigned long long>(mac), 0u);
+    ASSERT_TRUE(Kt::CMacAddress::Parse("01:00:5e:7f:00:01", mac));
+    EXPECT_EQ(static_cast<unsigned long long>(mac), 0x01005e7f0001ULL);
+    EXPECT_EQ(mac.ToString(), "01:00:5e:7f:00:01");
+}
