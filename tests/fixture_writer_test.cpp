@@ -6,6 +6,9 @@
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -45,7 +48,15 @@ ReadResult ReadWithLibpcap(const std::string& path)
     return r;
 }
 
-std::string TempPath(const std::string& name) { return testing::TempDir() + "fxw_" + name; }
+// Named per process because test binaries from several build trees may run at the same time.
+struct TempFile {
+    explicit TempFile(const std::string& name)
+        : path(testing::TempDir() + "fxw_" + std::to_string(getpid()) + "_" + name)
+    {
+    }
+    ~TempFile() { std::remove(path.c_str()); }
+    const std::string path;
+};
 
 // Odd sizes exercise pcapng padding; the last record is cut by the snaplen (caplen < len).
 std::vector<Record> Records(Precision precision)
@@ -69,26 +80,30 @@ TEST(FixtureWriter, FilesReadBackThroughLibpcap)
         bool pcapng;
         FileOptions options;
         int dlt;
-    } cases[] = {
-        {"micro.pcap", false, {Precision::Micro, ByteOrder::Little, 65535, kLinkTypeEthernet}, DLT_EN10MB},
-        {"nano.pcap", false, {Precision::Nano, ByteOrder::Little, 65535, kLinkTypeEthernet}, DLT_EN10MB},
-        {"big.pcap", false, {Precision::Nano, ByteOrder::Big, 9000, kLinkTypeRaw}, DLT_RAW},
-        {"micro.pcapng", true, {Precision::Micro, ByteOrder::Big, 65535, kLinkTypeEthernet}, DLT_EN10MB},
-        {"nano.pcapng", true, {Precision::Nano, ByteOrder::Little, 2000, kLinkTypeRaw}, DLT_RAW},
+    };
+    const auto micro = Precision::Micro, nano = Precision::Nano;
+    const auto little = ByteOrder::Little, big = ByteOrder::Big;
+    const Case cases[] = {
+        {"micro.pcap", false, {micro, little, 65535, kLinkTypeEthernet}, DLT_EN10MB},
+        {"nano.pcap", false, {nano, little, 65535, kLinkTypeEthernet}, DLT_EN10MB},
+        {"big.pcap", false, {nano, big, 9000, kLinkTypeRaw}, DLT_RAW},
+        {"micro.pcapng", true, {micro, big, 65535, kLinkTypeEthernet}, DLT_EN10MB},
+        {"nano.pcapng", true, {nano, little, 2000, kLinkTypeRaw}, DLT_RAW},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const auto records = Records(c.options.precision);
+        const TempFile file(c.name);
         std::unique_ptr<RecordWriter> writer;
         if (c.pcapng)
-            writer = std::make_unique<PcapngWriter>(TempPath(c.name), c.options);
+            writer = std::make_unique<PcapngWriter>(file.path, c.options);
         else
-            writer = std::make_unique<CaptureFileWriter>(TempPath(c.name), c.options);
+            writer = std::make_unique<CaptureFileWriter>(file.path, c.options);
         for (const Record& r : records)
             writer->Add(r);
         writer->Close();
 
-        ReadResult read = ReadWithLibpcap(TempPath(c.name));
+        ReadResult read = ReadWithLibpcap(file.path);
         ASSERT_EQ(read.error, "");
         EXPECT_EQ(read.endCode, PCAP_ERROR_BREAK); // clean end of file
         EXPECT_EQ(read.linkType, c.dlt);
@@ -107,7 +122,8 @@ TEST(FixtureWriter, FilesReadBackThroughLibpcap)
 
 TEST(FixtureWriter, CutFilesEndWithLibpcapTruncationErrors)
 {
-    const std::string path = TempPath("cut.pcap");
+    const TempFile file("cut.pcap");
+    const std::string& path = file.path;
     auto records = Records(Precision::Micro);
     records[2].data.resize(50); // record claims 101 bytes, file holds 50
     {
@@ -136,7 +152,8 @@ TEST(FixtureWriter, CutFilesEndWithLibpcapTruncationErrors)
 TEST(FixtureWriter, FileAndMemoryOutputsAreIdentical)
 {
     // Enough data to pass the file sink's internal flush point more than once.
-    const std::string path = TempPath("big.pcapng");
+    const TempFile file("big.pcapng");
+    const std::string& path = file.path;
     std::vector<uint8_t> memory;
     {
         PcapngWriter toFile(path), toMemory(memory);
