@@ -1,0 +1,244 @@
+#include <lyr/PreciseScheduler.h>
+
+#include "LatenessHistogram.h"
+
+#include <kt/MyPrintf.h>
+
+#include <pthread.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <time.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace Lyr {
+
+namespace {
+
+using Nanoseconds = std::int64_t;
+using Clock = std::chrono::steady_clock;
+
+Nanoseconds Monotonic()
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
+}
+
+Clock::time_point MonotonicPoint(Nanoseconds at)
+{
+    return Clock::time_point(std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(at)));
+}
+
+unsigned long long WallClockMicroseconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<unsigned long long>(now.tv_sec) * 1000000 + static_cast<unsigned long long>(now.tv_nsec) / 1000;
+}
+
+// The thread sleeps until this long before an event is due and spins the rest. The stretch
+// follows how late the sleeps actually wake (the kernel's wake-up latency differs from machine
+// to machine): it jumps to twice the worst recent oversleep and shrinks slowly when wakes are
+// punctual.
+constexpr Nanoseconds MinimumSpin = 20000;
+constexpr Nanoseconds InitialSpin = 200000;
+constexpr Nanoseconds MaximumSpin = 2000000;
+
+// Deadlines more than this far from the reference are held there, so that nanoseconds on the
+// monotonic clock stay within 63 bits: about a hundred years either way.
+constexpr unsigned long long FarthestUs = 3000000000000000ULL;
+
+struct Entry {
+    Nanoseconds deadline;
+    std::uint64_t sequence; // equal deadlines run in the order they came
+    PreciseScheduler::Event event;
+};
+
+// The queue is a std heap, which keeps its greatest element in front: "greater" is "later".
+bool Later(const Entry& a, const Entry& b)
+{
+    return a.deadline != b.deadline ? a.deadline > b.deadline : a.sequence > b.sequence;
+}
+
+} // namespace
+
+struct PreciseScheduler::State {
+    State()
+    {
+        referenceTimestampUs = WallClockMicroseconds();
+        referenceNs = Monotonic();
+        queue.reserve(1024);
+        thread = std::thread([this] { Run(); });
+        pthread_setname_np(thread.native_handle(), "LYR-Scheduler");
+    }
+
+    ~State()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            bStopping = true;
+        }
+        wake.notify_all();
+        thread.join();
+        // What is still queued is dropped here with the queue.
+    }
+
+    // The monotonic moment of a timestamp, through the reference. Called with the lock held.
+    Nanoseconds DeadlineOf(unsigned long long timestampUs) const
+    {
+        if (timestampUs >= referenceTimestampUs)
+            return referenceNs + static_cast<Nanoseconds>(std::min(timestampUs - referenceTimestampUs, FarthestUs)) * 1000;
+        return referenceNs - static_cast<Nanoseconds>(std::min(referenceTimestampUs - timestampUs, FarthestUs)) * 1000;
+    }
+
+    void Run()
+    {
+        // Timers of this thread fire within a microsecond of their time instead of the 50 µs
+        // of slack that the kernel grants ordinary threads.
+        prctl(PR_SET_TIMERSLACK, 1000UL, 0UL, 0UL, 0UL);
+        std::unique_lock<std::mutex> lock(mutex);
+        while (!bStopping) {
+            if (queue.empty()) {
+                wake.wait(lock);
+                continue;
+            }
+            const Nanoseconds deadline = queue.front().deadline;
+            const Nanoseconds sleepUntil = deadline - spinNs;
+            if (Monotonic() < sleepUntil) {
+                // A new event earlier than this one, or the end, wakes the thread early.
+                if (wake.wait_until(lock, MonotonicPoint(sleepUntil)) == std::cv_status::timeout)
+                    AdaptSpin(Monotonic() - sleepUntil);
+                continue;
+            }
+            lock.unlock();
+            while (Monotonic() < deadline)
+                sched_yield();
+            lock.lock();
+            // The front may be an event that came meanwhile with an earlier time: it is due too.
+            std::pop_heap(queue.begin(), queue.end(), Later);
+            Entry entry = std::move(queue.back());
+            queue.pop_back();
+            lock.unlock();
+            RunEvent(entry);
+            entry.event = nullptr; // the event's captures end here, outside the lock
+            lock.lock();
+        }
+    }
+
+    void AdaptSpin(Nanoseconds overslept)
+    {
+        spinNs = std::clamp(std::max(spinNs - spinNs / 32, 2 * overslept), MinimumSpin, MaximumSpin);
+    }
+
+    void RunEvent(Entry& entry)
+    {
+        const Nanoseconds late = Monotonic() - entry.deadline;
+        unsigned long long latenessUs = late > 0 ? static_cast<unsigned long long>(late / 1000) : 0;
+        lateness.Record(latenessUs);
+        // An exception must not end the thread: every later event would be lost with it.
+        try {
+            entry.event(latenessUs);
+        } catch (const std::exception& error) {
+            Kt::MyPrintf("Scheduled event failed: %s\n", error.what());
+        } catch (...) {
+            Kt::MyPrintf("Scheduled event failed: %s\n", "unknown exception");
+        }
+    }
+
+    mutable std::mutex mutex;
+    std::condition_variable wake;
+    std::vector<Entry> queue;
+    std::uint64_t nextSequence = 0;
+    unsigned long long referenceTimestampUs = 0; // stands for the monotonic moment referenceNs
+    Nanoseconds referenceNs = 0;
+    bool bStopping = false;
+    Nanoseconds spinNs = InitialSpin; // the thread's own
+    LatenessHistogram lateness;
+    std::thread thread;
+};
+
+PreciseScheduler::PreciseScheduler() : state(new State) {}
+
+PreciseScheduler::~PreciseScheduler()
+{
+    delete state;
+}
+
+PreciseScheduler& PreciseScheduler::GetInstance()
+{
+    static PreciseScheduler instance;
+    return instance;
+}
+
+void PreciseScheduler::ScheduleEvent(Event&& event, unsigned long long timestampUs)
+{
+    bool bFront = false;
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        const std::uint64_t sequence = state->nextSequence;
+        // If the queue cannot grow, the event ends here and nothing is queued.
+        state->queue.push_back(Entry{state->DeadlineOf(timestampUs), sequence, std::move(event)});
+        ++state->nextSequence;
+        std::push_heap(state->queue.begin(), state->queue.end(), Later);
+        bFront = state->queue.front().sequence == sequence;
+    }
+    // Only a new front changes how long the thread waits.
+    if (bFront)
+        state->wake.notify_one();
+}
+
+void PreciseScheduler::SetPresentTimestamp(unsigned long long timestampUs)
+{
+    std::lock_guard<std::mutex> lock(state->mutex);
+    state->referenceTimestampUs = timestampUs;
+    state->referenceNs = Monotonic();
+}
+
+void PreciseScheduler::UseWallClock()
+{
+    SetPresentTimestamp(WallClockMicroseconds());
+}
+
+unsigned long long PreciseScheduler::GetPresentTimestamp() const
+{
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return state->referenceTimestampUs + static_cast<unsigned long long>((Monotonic() - state->referenceNs) / 1000);
+}
+
+unsigned int PreciseScheduler::GetQueuedCount() const
+{
+    std::lock_guard<std::mutex> lock(state->mutex);
+    return static_cast<unsigned int>(state->queue.size());
+}
+
+PreciseScheduler::LatenessStatistics PreciseScheduler::GetLatenessStatistics() const
+{
+    LatenessStatistics statistics;
+    statistics.events = state->lateness.Count();
+    statistics.medianUs = state->lateness.Percentile(0.5);
+    statistics.p99Us = state->lateness.Percentile(0.99);
+    statistics.maximumUs = state->lateness.Maximum();
+    return statistics;
+}
+
+void PreciseScheduler::ResetLatenessStatistics()
+{
+    state->lateness.Reset();
+}
+
+double PreciseScheduler::GetThreadCpuSeconds() const
+{
+    clockid_t clock{};
+    timespec used{};
+    if (pthread_getcpuclockid(state->thread.native_handle(), &clock) != 0 || clock_gettime(clock, &used) != 0)
+        return 0;
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+}
+
+} // namespace Lyr
