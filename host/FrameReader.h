@@ -23,6 +23,7 @@ public:
 
     Lyr::NetFile& File() { return *file; }
     std::uint64_t Refused() const { return watch.RefusedPackets(); }
+    const LogWatch& Log() const { return watch; }
 
 private:
     LogWatch watch;

@@ -95,6 +95,13 @@ LogWatch::LogWatch()
     Kt::SetLogSink([this](const std::string& text) {
         if (text.find("Invalid packet size") != std::string::npos)
             ++refused;
+        if (text.rfind("Failed to open port for transmitting", 0) == 0)
+            ++portFailures;
+        if (text == "Failed to transmit data.") {
+            // One line per lost frame would bury the summary; the count tells the rest.
+            if (++transmitFailures > 10)
+                return;
+        }
         std::string line = text;
         if (line.empty() || line.back() != '\n')
             line += '\n';

@@ -26,15 +26,20 @@ void InstallInterruptHandler();
 bool Interrupted();
 
 // Passes the plug-in's log lines on to standard error and counts the refused packets among them,
-// since Read tells a refused packet from the end of the file only through its message.
+// since Read tells a refused packet from the end of the file only through its message. The output
+// port likewise reports a port that did not open, and a frame that did not leave, only by a line.
 class LogWatch {
 public:
     LogWatch();
     ~LogWatch();
     std::uint64_t RefusedPackets() const { return refused; }
+    std::uint64_t PortFailures() const { return portFailures; }
+    std::uint64_t TransmitFailures() const { return transmitFailures; }
 
 private:
     std::atomic<std::uint64_t> refused{0};
+    std::atomic<std::uint64_t> portFailures{0};
+    std::atomic<std::uint64_t> transmitFailures{0};
 };
 
 // "1714564800.123456", as tcpdump -tt prints a time stamp.

@@ -11,6 +11,7 @@ const std::vector<Command>& AllCommands()
     static const std::vector<Command> commands = {
         {"info", "what a capture file holds: link type, packets, bytes, duration", RunInfo},
         {"replay", "print the frames of a capture file as the back-end delivers them", RunReplay},
+        {"send", "put the frames of a capture file on the wire of a device, keeping their times", RunSend},
     };
     return commands;
 }

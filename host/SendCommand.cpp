@@ -1,0 +1,236 @@
+#include "CommandLine.h"
+#include "Commands.h"
+#include "FrameReader.h"
+
+#include <lyr/NetOutputIf.h>
+#include <lyr/PluginLookup.h>
+#include <lyr/PreciseScheduler.h>
+
+#include <kt/CFunctor.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <thread>
+
+namespace {
+
+const char* const Help = R"(Usage: lyrcap send FILE DEVICE [--speed X | --topspeed] [--loop N]
+                   [--timeout US] [--sndbuf BYTES]
+
+Puts the frames of a capture file on the wire of DEVICE at the times the file gives them,
+through the pcap output back-end. The first frame leaves shortly after the start and the
+file's gaps between frames are kept. A capture of bare IP packets goes out as Ethernet frames.
+Frames that would leave later than the limit are dropped and counted. Ctrl-C stops the
+sending; frames already handed over still leave.
+
+Options:
+  --speed X       play X times as fast (0.5 is half speed)
+  --topspeed      send as fast as the port takes them; no frame counts as late
+  --loop N        send the file N times, each pass right behind the last
+  --timeout US    drop frames that would leave more than US microseconds late
+                  (default 10000; with --topspeed, no limit)
+  --sndbuf BYTES  the socket's send buffer (default: the system's)
+)";
+
+// The scheduler's clock runs on frame timestamps. The file's own first timestamp is made the
+// present (less a short lead), so at speed 1 the frames keep their own timestamps.
+constexpr unsigned long long LeadUs = 20000;
+// How far ahead of the wire the tool reads: by time, and by frames in flight (the pool's
+// buffers). Both bound memory and how long Ctrl-C waits for frames already handed over.
+constexpr unsigned long long WindowUs = 500000;
+constexpr unsigned int BuffersInFlight = 1024;
+constexpr unsigned int BufferSize = 9036;
+
+struct Settings {
+    double speed = 1;
+    bool bTopSpeed = false;
+    std::uint64_t loops = 1;
+    bool bTimeout = false;
+    std::uint64_t timeout = 0;
+    std::uint64_t sendBuffer = 0;
+};
+
+// Where each frame goes on the scheduler's clock: the file's gaps divided by the speed, each
+// pass behind the last one by one average gap.
+class Timeline {
+public:
+    Timeline(unsigned long long firstTimestamp, const Settings& settings) : speed(settings.speed), bTopSpeed(settings.bTopSpeed)
+    {
+        first = firstTimestamp;
+        passStart = first > LeadUs ? first : LeadUs;
+        if (!bTopSpeed)
+            Lyr::PreciseScheduler::GetInstance().SetPresentTimestamp(passStart - LeadUs);
+        last = passStart;
+    }
+
+    unsigned long long Place(unsigned long long timestamp)
+    {
+        ++framesInPass;
+        if (bTopSpeed)
+            return Lyr::PreciseScheduler::GetInstance().GetPresentTimestamp();
+        const double offset = std::llround((static_cast<double>(timestamp) - static_cast<double>(first)) / speed);
+        const double placed = static_cast<double>(passStart) + offset;
+        last = placed > 0 ? static_cast<unsigned long long>(placed) : 0;
+        return last;
+    }
+
+    void NextPass()
+    {
+        const unsigned long long span = last > passStart ? last - passStart : 0;
+        passStart = last + (framesInPass > 1 ? span / (framesInPass - 1) : 0);
+        framesInPass = 0;
+    }
+
+private:
+    const double speed;
+    const bool bTopSpeed;
+    unsigned long long first = 0;
+    unsigned long long passStart = 0;
+    unsigned long long last = 0;
+    unsigned long long framesInPass = 0;
+};
+
+struct Tally {
+    unsigned long long handed = 0;
+    unsigned long long bytes = 0;
+    std::atomic<unsigned long long> late{0};
+    std::chrono::steady_clock::time_point lastShown = std::chrono::steady_clock::now();
+};
+
+double SecondsSince(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+void ShowStatus(const Tally& tally, unsigned long long failed)
+{
+    const Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
+    const unsigned long long done = scheduler.GetLatenessStatistics().events;
+    const unsigned long long late = tally.late.load();
+    const unsigned long long sent = done > late + failed ? done - late - failed : 0;
+    std::fprintf(stderr, "\rsending: %llu handed over, %llu sent, %llu late, %llu failed, %u queued\033[K",
+                 tally.handed, sent, late, failed, scheduler.GetQueuedCount());
+}
+
+// Waits while `busy()` holds, showing the status now and then; false on Ctrl-C.
+template <typename Busy> bool WaitWhile(Busy busy, Tally& tally, const LogWatch& log, bool bShow)
+{
+    while (busy()) {
+        if (Interrupted())
+            return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        if (bShow && SecondsSince(tally.lastShown) > 0.5) {
+            ShowStatus(tally, log.TransmitFailures());
+            tally.lastShown = std::chrono::steady_clock::now();
+        }
+    }
+    return true;
+}
+
+int Send(const std::string& path, const std::string& device, const Settings& settings)
+{
+    FrameReader reader;
+    if (!reader.Open(path, true)) {
+        std::cerr << "lyrcap send: cannot read " << path << "\n";
+        return Interrupted() ? ExitInterrupted : ExitFailure;
+    }
+    std::unique_ptr<Lyr::NetOutputIf> output = Lyr::CreatePlugin<Lyr::NetOutputIf>("pcap");
+    if (!output) {
+        std::cerr << "lyrcap: the plug-in registered no output back-end \"pcap\"\n";
+        return ExitFailure;
+    }
+    const LogWatch& log = reader.Log();
+    Tally tally;
+    output->SubscribeTimeout(Kt::MakeFunctor<void()>([&tally] { ++tally.late; }));
+    if (settings.bTimeout || settings.bTopSpeed)
+        output->SetTimeout(settings.bTimeout ? settings.timeout : ~0ULL);
+    output->SetSocketSendBufferSize(static_cast<int>(settings.sendBuffer));
+    output->ConfigureIf(device);
+    if (log.PortFailures() != 0)
+        return ExitFailure;
+
+    Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
+    scheduler.ResetLatenessStatistics();
+    const double cpuBefore = scheduler.GetThreadCpuSeconds();
+    Lyr::BufferPool pool(BuffersInFlight, BufferSize);
+    const bool bShow = isatty(STDERR_FILENO);
+    std::unique_ptr<Timeline> timeline;
+    const auto start = std::chrono::steady_clock::now();
+    bool bStopped = false;
+    for (std::uint64_t pass = 0; pass < settings.loops && !bStopped; ++pass) {
+        if (pass > 0) {
+            reader.File().SeekBegin(0);
+            timeline->NextPass();
+        }
+        while (const Lyr::EthFrame* frame = reader.Next()) {
+            if (!timeline)
+                timeline = std::make_unique<Timeline>(frame->GetTimestamp(), settings);
+            const unsigned long long at = timeline->Place(frame->GetTimestamp());
+            auto busy = [&] { return pool.GetFreeCount() == 0 || at > scheduler.GetPresentTimestamp() + WindowUs; };
+            if (!WaitWhile(busy, tally, log, bShow)) {
+                bStopped = true;
+                break;
+            }
+            // The event keeps the frame's buffer until it has run, so each frame gets its own.
+            const Kt::CSlice<unsigned char> bytes = frame->GetData();
+            Kt::CSlice<unsigned char> buffer = pool.GetBuffer();
+            std::memcpy(buffer.data, bytes.data, bytes.size);
+            output->SendFrame(Lyr::EthFrame(buffer.Prefix(bytes.size), at));
+            ++tally.handed;
+            tally.bytes += bytes.size;
+        }
+    }
+    // Every buffer back in the pool: every event has run and ended.
+    WaitWhile([&] { return pool.GetFreeCount() != BuffersInFlight; }, tally, log, false);
+    const double elapsed = SecondsSince(start);
+    if (bShow)
+        std::fputs("\r\033[K", stderr);
+
+    const Lyr::PreciseScheduler::LatenessStatistics lateness = scheduler.GetLatenessStatistics();
+    const unsigned long long failed = log.TransmitFailures(), late = tally.late.load();
+    const unsigned long long sent = tally.handed - std::min(tally.handed, late + failed);
+    const double cpu = scheduler.GetThreadCpuSeconds() - cpuBefore;
+    std::printf("frames sent: %llu\n", sent);
+    std::printf("dropped as late: %llu\n", late);
+    std::printf("transmit failures: %llu\n", failed);
+    if (reader.Refused() != 0)
+        std::printf("refused packets: %llu\n", static_cast<unsigned long long>(reader.Refused()));
+    std::printf("lateness (us): median %llu, p99 %llu, maximum %llu\n", lateness.medianUs, lateness.p99Us,
+                lateness.maximumUs);
+    std::printf("handed over: %llu frames, %llu bytes in %.6f s (%.0f frames/s, %.1f Mbit/s)\n", tally.handed,
+                tally.bytes, elapsed, elapsed > 0 ? tally.handed / elapsed : 0.0,
+                elapsed > 0 ? tally.bytes * 8 / elapsed / 1e6 : 0.0);
+    std::printf("scheduler thread CPU: %.3f s (%.1f%% of the run)\n", cpu, elapsed > 0 ? 100 * cpu / elapsed : 0.0);
+    std::fflush(stdout);
+    return bStopped ? ExitInterrupted : ExitOk;
+}
+
+} // namespace
+
+int RunSend(const std::vector<std::string>& args)
+{
+    CommandLine line(args, {"--speed", "--loop", "--timeout", "--sndbuf"}, {"--topspeed"});
+    Settings settings;
+    if (!line.Ok() || !line.Decimal("--speed", 0.001, 1000000, settings.speed) ||
+        !line.Number("--loop", 1, 1000000000, settings.loops) ||
+        !line.Number("--timeout", 0, ~0ULL, settings.timeout) || !line.Number("--sndbuf", 0, INT_MAX, settings.sendBuffer))
+        return UsageError("send", line.Error());
+    if (line.Has("--help")) {
+        std::cout << Help;
+        return ExitOk;
+    }
+    settings.bTopSpeed = line.Has("--topspeed");
+    settings.bTimeout = line.Has("--timeout");
+    if (settings.bTopSpeed && line.Has("--speed"))
+        return UsageError("send", "--speed and --topspeed exclude each other");
+    if (line.Positional().size() != 2)
+        return UsageError("send", "needs a FILE and a DEVICE");
+    return Send(line.Positional()[0], line.Positional()[1], settings);
+}

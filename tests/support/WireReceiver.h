@@ -1,0 +1,72 @@
+#pragma once
+
+#include <pcap/pcap.h>
+#include <poll.h>
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// What arrives on a device, as libpcap sees it there: the other end of a veth pair shows what
+// was put on the wire. Capture runs from construction, so nothing sent afterwards is missed.
+class WireReceiver {
+public:
+    struct Arrival {
+        std::vector<std::uint8_t> bytes;
+        std::uint64_t microseconds; // the kernel's receive time stamp
+    };
+
+    WireReceiver(const char* device, const char* filter)
+    {
+        char errbuf[PCAP_ERRBUF_SIZE] = "";
+        handle = pcap_create(device, errbuf);
+        bpf_program program{};
+        if (!handle || pcap_set_snaplen(handle, 65535) != 0 || pcap_set_promisc(handle, 1) != 0 ||
+            pcap_set_immediate_mode(handle, 1) != 0 || pcap_set_timeout(handle, 10) != 0 ||
+            pcap_set_buffer_size(handle, 32 << 20) != 0 || pcap_activate(handle) < 0 ||
+            pcap_compile(handle, &program, filter, 1, PCAP_NETMASK_UNKNOWN) != 0) {
+            error = handle ? pcap_geterr(handle) : errbuf;
+            return;
+        }
+        // Only what comes in: a capture also sees what this end itself sends. Non-blocking, with
+        // our own poll, since a blocking read may wait for a frame past its timeout.
+        if (pcap_setfilter(handle, &program) != 0 || pcap_setdirection(handle, PCAP_D_IN) != 0 ||
+            pcap_setnonblock(handle, 1, errbuf) != 0)
+            error = pcap_geterr(handle);
+        pcap_freecode(&program);
+    }
+    ~WireReceiver()
+    {
+        if (handle)
+            pcap_close(handle);
+    }
+    WireReceiver(const WireReceiver&) = delete;
+    WireReceiver& operator=(const WireReceiver&) = delete;
+
+    bool Ok() const { return error.empty(); }
+    const std::string& Error() const { return error; }
+
+    // What arrives until `count` frames are in or `limit` has passed.
+    std::vector<Arrival> Take(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(5))
+    {
+        std::vector<Arrival> arrivals;
+        const auto end = std::chrono::steady_clock::now() + limit;
+        while (handle && arrivals.size() < count && std::chrono::steady_clock::now() < end) {
+            pcap_pkthdr* header = nullptr;
+            const u_char* data = nullptr;
+            if (pcap_next_ex(handle, &header, &data) != 1) {
+                pollfd ready{pcap_get_selectable_fd(handle), POLLIN, 0};
+                poll(&ready, 1, 10);
+                continue;
+            }
+            arrivals.push_back({std::vector<std::uint8_t>(data, data + header->caplen),
+                                std::uint64_t(header->ts.tv_sec) * 1000000 + std::uint64_t(header->ts.tv_usec)});
+        }
+        return arrivals;
+    }
+
+private:
+    pcap_t* handle = nullptr;
+    std::string error;
+};
