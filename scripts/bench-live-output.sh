@@ -1,0 +1,78 @@
+#!/usr/bin/env bash
+# Benchmarks of the live output, side by side with their baselines, on a veth pair in a network
+# namespace of its own (IPv6 off, no addresses), removed again at the end:
+#   throughput  lyrcap send --topspeed against a bare pcap_inject loop and tcpreplay --topspeed
+#   pacing      files with 100 us and 1 ms gaps, captured at the far end, against tcpreplay
+#   idle        the scheduler thread's CPU while it waits 3 s for a frame
+#   SendFrame   ns and heap allocations per call against a bare ScheduleEvent
+# Needs root. PACING_FRAMES (default 100000) and THROUGHPUT_FRAMES (default 200000) set the
+# sizes; generated files go to a temporary folder that is removed afterwards.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${BUILD:-$root/build/release}
+pacing_frames=${PACING_FRAMES:-100000}
+throughput_frames=${THROUGHPUT_FRAMES:-200000}
+command -v tcpreplay >/dev/null || "$root/scripts/install-deps.sh" tcpreplay
+cmake --build "$build" -j2 --target lyrcap lyrpcap make-fixture bench-inject-loop bench-wire-gaps bench-send-frame >/dev/null
+
+ns=lyrbench$$
+work=$(mktemp -d /tmp/lyrbench.XXXXXX)
+cleanup() {
+    ip netns del "$ns" 2>/dev/null || true
+    rm -rf "$work"
+}
+trap cleanup EXIT
+ip netns add "$ns"
+inside() { ip netns exec "$ns" "$@"; }
+inside ip link add v0 type veth peer name v1
+inside sysctl -qw net.ipv6.conf.v0.disable_ipv6=1 net.ipv6.conf.v1.disable_ipv6=1
+inside ip link set v0 up
+inside ip link set v1 up
+
+lyrcap="$build/host/lyrcap"
+fixture="$build/fixtures/make-fixture"
+field() { sed -n "s/.*$1.*/\\1/p" | head -1; } # the first match of a sed group
+
+echo "== throughput: $throughput_frames frames each, frames/s on the sending side"
+printf "%-6s %14s %14s %14s %10s %10s\n" size bare-inject lyrcap tcpreplay "lyr/bare" "lyr/tcpr"
+for size in 64 1500; do
+    file="$work/top$size.pcap"
+    "$fixture" bench "$file" --packets "$throughput_frames" --size "$size" >/dev/null
+    bare=$(inside "$build/benchmarks/bench-inject-loop" "$file" v0 | field ', \([0-9]*\) frames/s')
+    ours=$(inside "$lyrcap" send "$file" v0 --topspeed | field '(\([0-9]*\) frames/s')
+    theirs=$(inside tcpreplay -i v0 --topspeed "$file" 2>&1 | field 'Bps, .* Mbps, \([0-9.]*\) pps')
+    awk -v size="$size" -v bare="$bare" -v ours="$ours" -v theirs="$theirs" \
+        'BEGIN { printf "%-6s %14.0f %14.0f %14.0f %10.2f %10.2f\n", size, bare, ours, theirs, ours / bare, ours / theirs }' 
+done
+
+# Sends a file with `sender` while tcpdump records the far end, and prints the gap figures.
+paced() { # file, then the sending command
+    local file=$1; shift
+    inside tcpdump -i v1 -Q in -w "$work/wire.pcap" -s 128 -B 131072 --time-stamp-precision=nano \
+        ether proto 0x0800 2>/dev/null &
+    local dump=$!
+    sleep 1
+    inside "$@" >"$work/sender.out" 2>&1
+    sleep 0.5
+    kill -INT $dump
+    wait $dump || true
+    "$build/benchmarks/bench-wire-gaps" "$file" "$work/wire.pcap" || true
+}
+
+echo "== pacing: $pacing_frames frames, far-end capture against the file"
+for gap in 100 1000; do
+    file="$work/gap$gap.pcap"
+    "$fixture" bench "$file" --packets "$pacing_frames" --size 100 --gap-us "$gap" >/dev/null
+    echo "-- ${gap} us gaps"
+    printf "lyrcap:    "; paced "$file" "$lyrcap" send "$file" v0
+    sed -n 's/^\(lateness\|scheduler thread CPU\|dropped\)/  &/p' "$work/sender.out"
+    printf "tcpreplay: "; paced "$file" tcpreplay -i v0 "$file"
+done
+
+echo "== idle: one frame, then 3 s until the next"
+file="$work/idle.pcap"
+"$fixture" bench "$file" --packets 2 --size 100 --gap-us 3000000 >/dev/null
+inside "$lyrcap" send "$file" v0 | grep "scheduler thread CPU"
+
+echo "== SendFrame"
+"$build/benchmarks/bench-send-frame"
