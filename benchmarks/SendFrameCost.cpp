@@ -1,6 +1,8 @@
 // The cost of one SendFrame on the caller's thread (time and heap allocations), against the
-// baseline of handing the scheduler a bare event that allocates nothing. No port is open, so
-// the events run and drop their frames; batches keep the queue short, as a paced sender does.
+// baseline of handing the scheduler a bare event that allocates nothing. Each batch is queued
+// while the scheduler's thread is held in an event, so what is timed is the caller's own work,
+// not its contention with the thread; then the batch runs (no port is open: the frames are
+// dropped) before the next one.
 #include "PcapNetOutputIf.h"
 
 #include <lyr/BufferPool.h>
@@ -8,9 +10,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <thread>
 
@@ -45,18 +49,51 @@ struct Cost {
     double allocationsPerCall;
 };
 
+// Keeps the scheduler's thread inside one event from Hold() to Release().
+class SchedulerHold {
+public:
+    void Hold()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        bHeld = bInside = false;
+        Lyr::PreciseScheduler::GetInstance().ScheduleEvent(
+            [this](unsigned long long&) {
+                std::unique_lock<std::mutex> inner(mutex);
+                bInside = bHeld = true;
+                changed.notify_all();
+                changed.wait(inner, [this] { return !bHeld; });
+            },
+            0);
+        changed.wait(lock, [this] { return bInside; });
+    }
+    void Release()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        bHeld = false;
+        changed.notify_all();
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool bHeld = false, bInside = false;
+};
+
 // Times `call` over all batches; `drain` waits (untimed) until the batch's events have run.
 template <typename Call, typename Drain> Cost Measure(Call call, Drain drain)
 {
+    SchedulerHold hold;
     double ns = 0;
     unsigned long long allocated = 0;
     for (int batch = 0; batch < Batches; ++batch) {
+        hold.Hold();
         const unsigned long long allocationsBefore = allocations;
         const auto start = std::chrono::steady_clock::now();
         for (int i = 0; i < BatchSize; ++i)
             call();
         ns += std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count();
         allocated += allocations - allocationsBefore;
+        hold.Release();
         drain();
     }
     const double calls = double(Batches) * BatchSize;

@@ -65,16 +65,16 @@ public:
     {
         first = firstTimestamp;
         passStart = first > LeadUs ? first : LeadUs;
-        if (!bTopSpeed)
-            Lyr::PreciseScheduler::GetInstance().SetPresentTimestamp(passStart - LeadUs);
+        Lyr::PreciseScheduler::GetInstance().SetPresentTimestamp(passStart - LeadUs);
         last = passStart;
     }
 
+    // At top speed every frame is due at the start: equal times leave in the order they came.
     unsigned long long Place(unsigned long long timestamp)
     {
         ++framesInPass;
         if (bTopSpeed)
-            return Lyr::PreciseScheduler::GetInstance().GetPresentTimestamp();
+            return passStart - LeadUs;
         const double offset = std::llround((static_cast<double>(timestamp) - static_cast<double>(first)) / speed);
         const double placed = static_cast<double>(passStart) + offset;
         last = placed > 0 ? static_cast<unsigned long long>(placed) : 0;
@@ -125,7 +125,7 @@ template <typename Busy> bool WaitWhile(Busy busy, Tally& tally, const LogWatch&
     while (busy()) {
         if (Interrupted())
             return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
         if (bShow && SecondsSince(tally.lastShown) > 0.5) {
             ShowStatus(tally, log.TransmitFailures());
             tally.lastShown = std::chrono::steady_clock::now();
@@ -173,7 +173,9 @@ int Send(const std::string& path, const std::string& device, const Settings& set
             if (!timeline)
                 timeline = std::make_unique<Timeline>(frame->GetTimestamp(), settings);
             const unsigned long long at = timeline->Place(frame->GetTimestamp());
-            auto busy = [&] { return pool.GetFreeCount() == 0 || at > scheduler.GetPresentTimestamp() + WindowUs; };
+            auto busy = [&] {
+                return pool.GetFreeCount() == 0 || (!settings.bTopSpeed && at > scheduler.GetPresentTimestamp() + WindowUs);
+            };
             if (!WaitWhile(busy, tally, log, bShow)) {
                 bStopped = true;
                 break;
@@ -202,8 +204,11 @@ int Send(const std::string& path, const std::string& device, const Settings& set
     std::printf("transmit failures: %llu\n", failed);
     if (reader.Refused() != 0)
         std::printf("refused packets: %llu\n", static_cast<unsigned long long>(reader.Refused()));
-    std::printf("lateness (us): median %llu, p99 %llu, maximum %llu\n", lateness.medianUs, lateness.p99Us,
-                lateness.maximumUs);
+    if (settings.bTopSpeed)
+        std::printf("lateness (us): not measured at top speed\n");
+    else
+        std::printf("lateness (us): median %llu, p99 %llu, maximum %llu\n", lateness.medianUs, lateness.p99Us,
+                    lateness.maximumUs);
     std::printf("handed over: %llu frames, %llu bytes in %.6f s (%.0f frames/s, %.1f Mbit/s)\n", tally.handed,
                 tally.bytes, elapsed, elapsed > 0 ? tally.handed / elapsed : 0.0,
                 elapsed > 0 ? tally.bytes * 8 / elapsed / 1e6 : 0.0);

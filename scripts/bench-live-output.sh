@@ -31,7 +31,7 @@ inside ip link set v1 up
 
 lyrcap="$build/host/lyrcap"
 fixture="$build/fixtures/make-fixture"
-field() { sed -n "s/.*$1.*/\\1/p" | head -1; } # the first match of a sed group
+field() { sed -n "s|.*$1.*|\\1|p" | head -1; } # the first match of a sed group
 
 echo "== throughput: $throughput_frames frames each, frames/s on the sending side"
 printf "%-6s %14s %14s %14s %10s %10s\n" size bare-inject lyrcap tcpreplay "lyr/bare" "lyr/tcpr"
@@ -48,13 +48,14 @@ done
 # Sends a file with `sender` while tcpdump records the far end, and prints the gap figures.
 paced() { # file, then the sending command
     local file=$1; shift
-    inside tcpdump -i v1 -Q in -w "$work/wire.pcap" -s 128 -B 131072 --time-stamp-precision=nano \
+    # SIGTERM, not SIGINT: a background job of a script ignores SIGINT.
+    ip netns exec "$ns" tcpdump -i v1 -Q in -w "$work/wire.pcap" -s 128 -B 131072 --time-stamp-precision=nano \
         ether proto 0x0800 2>/dev/null &
     local dump=$!
     sleep 1
     inside "$@" >"$work/sender.out" 2>&1
     sleep 0.5
-    kill -INT $dump
+    kill -TERM $dump
     wait $dump || true
     "$build/benchmarks/bench-wire-gaps" "$file" "$work/wire.pcap" || true
 }

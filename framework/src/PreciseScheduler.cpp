@@ -10,6 +10,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -44,11 +45,18 @@ unsigned long long WallClockMicroseconds()
 
 // The thread sleeps until this long before an event is due and spins the rest. The stretch
 // follows how late the sleeps actually wake (the kernel's wake-up latency differs from machine
-// to machine): it jumps to twice the worst recent oversleep and shrinks slowly when wakes are
-// punctual.
+// to machine): it jumps to one and a half times a recent oversleep and shrinks slowly when wakes
+// are punctual. A rare long oversleep is lateness; spinning through it would cost more.
 constexpr Nanoseconds MinimumSpin = 20000;
-constexpr Nanoseconds InitialSpin = 100000;
-constexpr Nanoseconds MaximumSpin = 1000000;
+constexpr Nanoseconds InitialSpin = 60000;
+constexpr Nanoseconds MaximumSpin = 200000;
+// Spinning may take at most this share of each period. Closely spaced events would otherwise
+// keep the thread spinning without a break, and a realtime thread that never sleeps is stopped
+// by the kernel for the rest of its period: far worse than waking a little late.
+constexpr Nanoseconds SpinPeriod = 100000000;
+constexpr Nanoseconds SpinBudget = 80000000;
+// How long the thread keeps looking for a new event once the queue is empty.
+constexpr Nanoseconds EmptyQueueSpin = 50000;
 
 // One step of a busy wait: tells the processor, without giving the thread up.
 inline void Pause()
@@ -122,25 +130,32 @@ struct PreciseScheduler::State {
         std::unique_lock<std::mutex> lock(mutex);
         while (!bStopping) {
             if (queue.empty()) {
-                wake.wait(lock);
+                if (!AwaitBriefly(lock))
+                    wake.wait(lock);
                 continue;
             }
             const Nanoseconds deadline = queue.front().deadline;
-            const Nanoseconds sleepUntil = deadline - spinNs;
-            if (Monotonic() < sleepUntil) {
+            const Nanoseconds now = Monotonic();
+            const Nanoseconds sleepUntil = deadline - (MaySpin(now) ? spinNs : 0);
+            if (now < sleepUntil) {
                 // A new event earlier than this one, or the end, wakes the thread early.
                 if (wake.wait_until(lock, MonotonicPoint(sleepUntil)) == std::cv_status::timeout)
                     AdaptSpin(Monotonic() - sleepUntil);
                 continue;
             }
-            lock.unlock();
-            while (Monotonic() < deadline)
-                Pause();
-            lock.lock();
+            if (now < deadline) {
+                lock.unlock();
+                Nanoseconds spun = now;
+                while ((spun = Monotonic()) < deadline)
+                    Pause();
+                spinSpent += spun - now;
+                lock.lock();
+            }
             // The front may be an event that came meanwhile with an earlier time: it is due too.
             std::pop_heap(queue.begin(), queue.end(), Later);
             Entry entry = std::move(queue.back());
             queue.pop_back();
+            queued.store(queue.size(), std::memory_order_relaxed);
             lock.unlock();
             RunEvent(entry);
             entry.event = nullptr; // the event's captures end here, outside the lock
@@ -148,9 +163,31 @@ struct PreciseScheduler::State {
         }
     }
 
+    // A sender that hands over frames as fast as they leave empties the queue again and again;
+    // waking a sleeping thread costs more than a frame takes, so the thread looks for a new
+    // event a little while before it sleeps. True when one came.
+    bool AwaitBriefly(std::unique_lock<std::mutex>& lock)
+    {
+        lock.unlock();
+        const Nanoseconds until = Monotonic() + EmptyQueueSpin;
+        while (queued.load(std::memory_order_relaxed) == 0 && Monotonic() < until)
+            Pause();
+        lock.lock();
+        return !queue.empty();
+    }
+
     void AdaptSpin(Nanoseconds overslept)
     {
-        spinNs = std::clamp(std::max(spinNs - spinNs / 32, 2 * overslept), MinimumSpin, MaximumSpin);
+        spinNs = std::clamp(std::max(spinNs - spinNs / 16, overslept + overslept / 2), MinimumSpin, MaximumSpin);
+    }
+
+    bool MaySpin(Nanoseconds now)
+    {
+        if (now - spinPeriodStart >= SpinPeriod) {
+            spinPeriodStart = now;
+            spinSpent = 0;
+        }
+        return spinSpent < SpinBudget;
     }
 
     void RunEvent(Entry& entry)
@@ -171,11 +208,14 @@ struct PreciseScheduler::State {
     mutable std::mutex mutex;
     std::condition_variable wake;
     std::vector<Entry> queue;
+    std::atomic<std::size_t> queued{0}; // the queue's size, for looking without the lock
     std::uint64_t nextSequence = 0;
     unsigned long long referenceTimestampUs = 0; // stands for the monotonic moment referenceNs
     Nanoseconds referenceNs = 0;
     bool bStopping = false;
-    Nanoseconds spinNs = InitialSpin; // the thread's own
+    Nanoseconds spinNs = InitialSpin; // these three are the thread's own
+    Nanoseconds spinPeriodStart = 0;
+    Nanoseconds spinSpent = 0;
     LatenessHistogram lateness;
     std::thread thread;
 };
@@ -203,6 +243,7 @@ void PreciseScheduler::ScheduleEvent(Event&& event, unsigned long long timestamp
         state->queue.push_back(Entry{state->DeadlineOf(timestampUs), sequence, std::move(event)});
         ++state->nextSequence;
         std::push_heap(state->queue.begin(), state->queue.end(), Later);
+        state->queued.store(state->queue.size(), std::memory_order_relaxed);
         bFront = state->queue.front().sequence == sequence;
     }
     // Only a new front changes how long the thread waits.
