@@ -37,4 +37,10 @@ check "missing file is named" grep -q "Error reading pcap file" "$dir/err"
 check "missing plug-in fails" test "$(status "$lyrcap" --plugin "$dir/none.so" info "$eth")" = 1
 check "missing plug-in is named" grep -q "cannot load plug-in $dir/none.so" "$dir/err"
 
+check "send --help exits 0" test "$(status "$lyrcap" send --help)" = 0
+check "send needs a device" test "$(status "$lyrcap" send "$eth")" = 2
+check "send: --speed and --topspeed exclude each other" test "$(status "$lyrcap" send "$eth" lo --speed 2 --topspeed)" = 2
+check "send to a missing device fails" test "$(status "$lyrcap" send "$eth" lyrnosuchdev0)" = 1
+check "send names why" grep -q "^Failed to open port for transmitting: " "$dir/err"
+
 exit $((failures != 0))
