@@ -4,6 +4,7 @@
 // not its contention with the thread; then the batch runs (no port is open: the frames are
 // dropped) before the next one.
 #include "PcapNetOutputIf.h"
+#include "support/CountingAllocator.h"
 
 #include <lyr/BufferPool.h>
 #include <lyr/PreciseScheduler.h>
@@ -12,32 +13,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <new>
 #include <thread>
 
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete" // our new is malloc, so free is its match
-namespace {
-thread_local unsigned long long allocations = 0;
-} // namespace
-
-void* operator new(std::size_t size)
-{
-    ++allocations;
-    if (void* memory = std::malloc(size ? size : 1))
-        return memory;
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
+using countingAllocator::allocations;
 
 namespace {
 

@@ -48,10 +48,7 @@ PcapNetOutputIf::~PcapNetOutputIf()
     configStateDelegate.Fire(ConfigState_Closing);
     // The events hold a plain pointer to this object: none may remain when it goes.
     WaitForPendingFrames();
-    if (pcapHandle) {
-        pcap_close(pcapHandle);
-        pcapHandle = nullptr;
-    }
+    ClosePort();
 }
 
 void PcapNetOutputIf::ConfigureIf(const std::string& deviceName)
@@ -60,10 +57,7 @@ void PcapNetOutputIf::ConfigureIf(const std::string& deviceName)
     configStateDelegate.Fire(ConfigState_Configuring);
     // Frames already scheduled leave on the port they were sent to, before it closes.
     WaitForPendingFrames();
-    if (pcapHandle) {
-        pcap_close(pcapHandle);
-        pcapHandle = nullptr;
-    }
+    ClosePort();
     char errbuf[PCAP_ERRBUF_SIZE] = "";
     pcapHandle = pcap_open_live(deviceName.c_str(), 8192, 0, -1, errbuf);
     if (!pcapHandle) {
@@ -75,6 +69,14 @@ void PcapNetOutputIf::ConfigureIf(const std::string& deviceName)
     }
     configState = ConfigState_Ready;
     configStateDelegate.Fire(ConfigState_Ready);
+}
+
+void PcapNetOutputIf::ClosePort()
+{
+    if (pcapHandle) {
+        pcap_close(pcapHandle);
+        pcapHandle = nullptr;
+    }
 }
 
 void PcapNetOutputIf::SetSocketSendBufferSize(int bytes)

@@ -30,6 +30,8 @@ public:
     void TransmitData(const Kt::CSlice<unsigned char>& slice, unsigned long long schedulerValue);
 
 protected:
+    void ClosePort();
+
     pcap_t* pcapHandle = nullptr;           // the open port; null when none is open
     std::atomic<unsigned int> pendingFrames{0}; // from the start of SendFrame to the end of the event
     unsigned long long timeout = 10000;     // read by the events, set by SetTimeout

@@ -1,6 +1,7 @@
 // The output port on real devices: a veth pair in a network namespace of the test's own. What
 // the port puts on one end is read back on the other with libpcap.
 #include "PcapNetOutputIf.h"
+#include "support/CountingAllocator.h"
 #include "support/LogCapture.h"
 #include "support/NetworkSandbox.h"
 #include "support/SchedulerProbe.h"
@@ -22,33 +23,6 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <new>
-
-// Counts (and on request fails) the heap allocations of the calling thread, so that a test can
-// see what one SendFrame costs and what it does when memory runs out.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete" // our new is malloc, so free is its match
-namespace {
-thread_local long allocations = 0;
-thread_local long failAllocation = 0; // fail the n-th allocation from now; 0: none
-} // namespace
-
-void* operator new(std::size_t size)
-{
-    ++allocations;
-    if (failAllocation > 0 && --failAllocation == 0)
-        throw std::bad_alloc();
-    if (void* memory = std::malloc(size ? size : 1))
-        return memory;
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
 
 namespace {
 
@@ -348,17 +322,17 @@ TEST_F(LiveOutput, AFrameThatCannotLeaveOrBeScheduledIsReportedAndUncounted)
     // Memory runs out while the event is built: the exception passes, the count still falls.
     const Lyr::EthFrame frame = TestFrame(pool, 4, Now() + 1000000);
     for (long nth : {1, 2}) {
-        failAllocation = nth;
+        countingAllocator::failAllocation = nth;
         EXPECT_THROW(output.SendFrame(frame), std::bad_alloc) << "allocation " << nth;
-        failAllocation = 0;
+        countingAllocator::failAllocation = 0;
         EXPECT_EQ(output.Pending(), 0u);
     }
 
     // Otherwise one call costs two small blocks: the bound state and the layer around it.
     const Lyr::EthFrame soon = TestFrame(pool, 5, Now() + 20000);
-    const long before = allocations;
+    const unsigned long long before = countingAllocator::allocations;
     output.SendFrame(soon);
-    EXPECT_EQ(allocations - before, 2);
+    EXPECT_EQ(countingAllocator::allocations - before, 2u);
     EXPECT_EQ(Markers(receiver.Take(1)), std::vector<int>{5});
 }
 
