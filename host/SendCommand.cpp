@@ -119,11 +119,11 @@ void ShowStatus(const Tally& tally, unsigned long long failed)
                  tally.handed, sent, late, failed, scheduler.GetQueuedCount());
 }
 
-// Waits while `busy()` holds, showing the status now and then; false on Ctrl-C.
-template <typename Busy> bool WaitWhile(Busy busy, Tally& tally, const LogWatch& log, bool bShow)
+// Waits while `busy()` holds, showing the status now and then; false on Ctrl-C if `bStoppable`.
+template <typename Busy> bool WaitWhile(Busy busy, Tally& tally, const LogWatch& log, bool bShow, bool bStoppable)
 {
     while (busy()) {
-        if (Interrupted())
+        if (bStoppable && Interrupted())
             return false;
         std::this_thread::sleep_for(std::chrono::microseconds(50));
         if (bShow && SecondsSince(tally.lastShown) > 0.5) {
@@ -176,7 +176,7 @@ int Send(const std::string& path, const std::string& device, const Settings& set
             auto busy = [&] {
                 return pool.GetFreeCount() == 0 || (!settings.bTopSpeed && at > scheduler.GetPresentTimestamp() + WindowUs);
             };
-            if (!WaitWhile(busy, tally, log, bShow)) {
+            if (!WaitWhile(busy, tally, log, bShow, true)) {
                 bStopped = true;
                 break;
             }
@@ -189,8 +189,9 @@ int Send(const std::string& path, const std::string& device, const Settings& set
             tally.bytes += bytes.size;
         }
     }
-    // Every buffer back in the pool: every event has run and ended.
-    WaitWhile([&] { return pool.GetFreeCount() != BuffersInFlight; }, tally, log, false);
+    // Every buffer back in the pool: every event has run and ended. Frames already handed over
+    // are at most the window ahead, so this wait is short also after Ctrl-C.
+    WaitWhile([&] { return pool.GetFreeCount() != BuffersInFlight; }, tally, log, false, false);
     const double elapsed = SecondsSince(start);
     if (bShow)
         std::fputs("\r\033[K", stderr);

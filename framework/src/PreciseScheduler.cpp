@@ -103,7 +103,11 @@ struct PreciseScheduler::State {
             bStopping = true;
         }
         wake.notify_all();
-        thread.join();
+        // An event that ends the process runs this on the thread itself, which cannot join itself.
+        if (thread.get_id() == std::this_thread::get_id())
+            thread.detach();
+        else
+            thread.join();
         // What is still queued is dropped here with the queue.
     }
 
