@@ -49,7 +49,7 @@ unsigned long long WallClockMicroseconds()
 // are punctual. A rare long oversleep is lateness; spinning through it would cost more.
 constexpr Nanoseconds MinimumSpin = 20000;
 constexpr Nanoseconds InitialSpin = 60000;
-constexpr Nanoseconds MaximumSpin = 200000;
+constexpr Nanoseconds MaximumSpin = 1000000;
 // Spinning may take at most this share of each period. Closely spaced events would otherwise
 // keep the thread spinning without a break, and a realtime thread that never sleeps is stopped
 // by the kernel for the rest of its period: far worse than waking a little late.
@@ -182,7 +182,7 @@ struct PreciseScheduler::State {
 
     void AdaptSpin(Nanoseconds overslept)
     {
-        spinNs = std::clamp(std::max(spinNs - spinNs / 16, overslept + overslept / 2), MinimumSpin, MaximumSpin);
+        spinNs = std::clamp(std::max(spinNs - spinNs / 64, overslept + overslept / 2), MinimumSpin, MaximumSpin);
     }
 
     bool MaySpin(Nanoseconds now)
