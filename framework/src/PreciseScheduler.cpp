@@ -72,6 +72,9 @@ inline void Pause()
 // monotonic clock stay within 63 bits: about a hundred years either way.
 constexpr unsigned long long FarthestUs = 3000000000000000ULL;
 
+// The present as one signed sum of nanoseconds holds timestamps up to about the year 2250.
+constexpr unsigned long long LargestPresentUs = 9000000000000000ULL;
+
 struct Entry {
     Nanoseconds deadline;
     std::uint64_t sequence; // equal deadlines run in the order they came
@@ -91,6 +94,7 @@ struct PreciseScheduler::State {
     {
         referenceTimestampUs = WallClockMicroseconds();
         referenceNs = Monotonic();
+        presentOffsetNs.store(static_cast<Nanoseconds>(referenceTimestampUs) * 1000 - referenceNs);
         queue.reserve(1024);
         thread = std::thread([this] { Run(); });
         pthread_setname_np(thread.native_handle(), "LYR-Scheduler");
@@ -216,6 +220,7 @@ struct PreciseScheduler::State {
     std::uint64_t nextSequence = 0;
     unsigned long long referenceTimestampUs = 0; // stands for the monotonic moment referenceNs
     Nanoseconds referenceNs = 0;
+    std::atomic<Nanoseconds> presentOffsetNs{0}; // the same reference as one sum, for lock-free reads
     bool bStopping = false;
     Nanoseconds spinNs = InitialSpin; // these three are the thread's own
     Nanoseconds spinPeriodStart = 0;
@@ -260,6 +265,7 @@ void PreciseScheduler::SetPresentTimestamp(unsigned long long timestampUs)
     std::lock_guard<std::mutex> lock(state->mutex);
     state->referenceTimestampUs = timestampUs;
     state->referenceNs = Monotonic();
+    state->presentOffsetNs.store(static_cast<Nanoseconds>(std::min(timestampUs, LargestPresentUs)) * 1000 - state->referenceNs);
 }
 
 void PreciseScheduler::UseWallClock()
@@ -269,8 +275,9 @@ void PreciseScheduler::UseWallClock()
 
 unsigned long long PreciseScheduler::GetPresentTimestamp() const
 {
-    std::lock_guard<std::mutex> lock(state->mutex);
-    return state->referenceTimestampUs + static_cast<unsigned long long>((Monotonic() - state->referenceNs) / 1000);
+    // Without the lock: a host that polls the present must never hold up the thread.
+    const Nanoseconds present = Monotonic() + state->presentOffsetNs.load();
+    return present > 0 ? static_cast<unsigned long long>(present / 1000) : 0;
 }
 
 unsigned int PreciseScheduler::GetQueuedCount() const
