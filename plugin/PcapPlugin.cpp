@@ -1,4 +1,5 @@
 #include "PcapNetFile.h"
+#include "PcapNetInputIf.h"
 
 #include <lyr/PluginFactory.h>
 
@@ -10,5 +11,6 @@ extern "C" LYR_SHARED void InitializePlugin()
     if (bInitialized)
         return;
     static Lyr::PluginRegistrar<Lyr::NetFile, PcapNetFile> pcapNetFile("pcap");
+    static Lyr::PluginRegistrar<Lyr::NetInputIf, PcapNetInputIf> pcapNetInputIf("pcap");
     bInitialized = true;
 }
