@@ -36,5 +36,13 @@ check "missing file fails" test "$(status "$lyrcap" info "$dir/none.pcap")" = 1
 check "missing file is named" grep -q "Error reading pcap file" "$dir/err"
 check "missing plug-in fails" test "$(status "$lyrcap" --plugin "$dir/none.so" info "$eth")" = 1
 check "missing plug-in is named" grep -q "cannot load plug-in $dir/none.so" "$dir/err"
+check "capture --help exits 0" test "$(status "$lyrcap" capture --help)" = 0
+check "capture needs a device" test "$(status "$lyrcap" capture)" = 2
+check "capture refuses a port beyond 16 bits" test "$(status "$lyrcap" capture lo --port 70000)" = 2
+check "capture refuses a host that is no address" test "$(status "$lyrcap" capture lo --host 10.0.0)" = 2
+check "capture of an unknown device fails" test "$(status "$lyrcap" capture nosuch0 --count 1)" = 1
+check "the unknown device is named" grep -q "interface(nosuch0). The selected interface could not be found" "$dir/err"
+check "list-devices exits 0" test "$(status "$lyrcap" list-devices)" = 0
+check "list-devices lists the loopback device" grep -q "^lo  (.*loopback" "$dir/out"
 
 exit $((failures != 0))
