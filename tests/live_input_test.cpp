@@ -1,5 +1,6 @@
 #include "support/InputProbe.h"
 #include "support/NetworkSandbox.h"
+#include "support/WaitableList.h"
 
 #include <CaptureFileWriter.h>
 #include <kt/MyPrintf.h>
@@ -90,97 +91,60 @@ struct Seen {
     unsigned long long timestamp;
 };
 
+size_t CountTagged(const std::vector<Seen>& frames, uint8_t tag)
+{
+    size_t count = 0;
+    for (const Seen& seen : frames)
+        count += TagOf(seen.bytes) == tag;
+    return count;
+}
+
 // A subscriber that keeps copies of what it receives, for the test thread to wait on.
-class Collector {
+class Collector : public WaitableList<Seen> {
 public:
     Kt::CFunctor<void(const Lyr::EthFrame&)> Functor()
     {
-        return Subscriber([this](const Lyr::EthFrame& frame) {
-            std::lock_guard<std::mutex> lock(mutex);
-            frames.push_back({BytesOf(frame), frame.GetTimestamp()});
-            arrived.notify_all();
-        });
+        return Subscriber([this](const Lyr::EthFrame& frame) { Add({BytesOf(frame), frame.GetTimestamp()}); });
     }
-    size_t Count(uint8_t tag)
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        size_t count = 0;
-        for (const Seen& seen : frames)
-            count += TagOf(seen.bytes) == tag;
-        return count;
-    }
+    size_t Count(uint8_t tag) { return CountTagged(Copy(), tag); }
     bool WaitFor(uint8_t tag, size_t count, Clock::duration timeout)
     {
-        const auto deadline = Clock::now() + timeout;
-        std::unique_lock<std::mutex> lock(mutex);
-        for (;;) {
-            size_t have = 0;
-            for (const Seen& seen : frames)
-                have += TagOf(seen.bytes) == tag;
-            if (have >= count)
-                return true;
-            if (arrived.wait_until(lock, deadline) == std::cv_status::timeout)
-                return false;
-        }
+        return WaitUntil([&](const std::vector<Seen>& frames) { return CountTagged(frames, tag) >= count; }, timeout);
     }
-    std::vector<Seen> Take()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        std::vector<Seen> taken;
-        taken.swap(frames);
-        return taken;
-    }
+};
 
-private:
-    std::mutex mutex;
-    std::condition_variable arrived;
-    std::vector<Seen> frames;
+struct LogLine {
+    Clock::time_point when;
+    std::string text;
 };
 
 // Log lines with the moment they were printed, to be waited for.
-class TimedLog {
+class TimedLog : public WaitableList<LogLine> {
 public:
     TimedLog()
     {
-        previous = Kt::SetLogSink([this](const std::string& text) {
-            std::lock_guard<std::mutex> lock(mutex);
-            lines.push_back({Clock::now(), text});
-            printed.notify_all();
-        });
+        previous = Kt::SetLogSink([this](const std::string& text) { Add({Clock::now(), text}); });
     }
     ~TimedLog() { Kt::SetLogSink(previous); }
 
-    struct Line {
-        Clock::time_point when;
-        std::string text;
-    };
     // Waits for `count` lines that begin with `prefix`, and returns those there are by then.
-    std::vector<Line> WaitFor(const std::string& prefix, size_t count, Clock::duration timeout)
+    std::vector<LogLine> WaitFor(const std::string& prefix, size_t count, Clock::duration timeout)
     {
-        const auto deadline = Clock::now() + timeout;
-        std::unique_lock<std::mutex> lock(mutex);
-        std::vector<Line> found;
-        do {
-            found.clear();
-            for (const Line& line : lines)
-                if (line.text.rfind(prefix, 0) == 0)
-                    found.push_back(line);
-        } while (found.size() < count && printed.wait_until(lock, deadline) != std::cv_status::timeout);
+        std::vector<LogLine> found;
+        WaitUntil(
+            [&](const std::vector<LogLine>& lines) {
+                found.clear();
+                for (const LogLine& line : lines)
+                    if (line.text.rfind(prefix, 0) == 0)
+                        found.push_back(line);
+                return found.size() >= count;
+            },
+            timeout);
         return found;
-    }
-    std::vector<Line> Take()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        std::vector<Line> taken;
-        taken.swap(lines);
-        return taken;
     }
 
 private:
     Kt::LogSink previous;
-    std::mutex mutex;
-    std::condition_variable printed;
-    std::vector<Line> lines;
 };
 
 Kt::CIpAddress Address(uint32_t hostOrder)
