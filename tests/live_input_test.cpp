@@ -13,6 +13,8 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -147,6 +149,19 @@ private:
     Kt::LogSink previous;
 };
 
+// How many threads of this process carry `name`.
+int ThreadsNamed(const std::string& name)
+{
+    int count = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(task.path() / "comm");
+        std::string text;
+        std::getline(comm, text);
+        count += text == name;
+    }
+    return count;
+}
+
 Kt::CIpAddress Address(uint32_t hostOrder)
 {
     return Kt::CIpAddress(hostOrder);
@@ -230,6 +245,7 @@ TEST_F(LiveInput, FramesArriveWholeInOrderStampedAndCounted)
     }
     ASSERT_TRUE(collector.WaitFor(DataTag, sent.size(), 5s));
     const unsigned long long receiveEnd = WallMicros();
+    EXPECT_EQ(ThreadsNamed("LYR-PcapInIf"), 1);
 
     const NetInputCounters counters = input.GetCounters();
     const std::vector<Seen> seen = collector.Take();
@@ -264,6 +280,7 @@ TEST_F(LiveInput, FramesArriveWholeInOrderStampedAndCounted)
 
     // Once stopped there is no handle and so no figures, whatever the fields hold.
     input.Stop();
+    EXPECT_EQ(ThreadsNamed("LYR-PcapInIf"), 0);
     const NetInputCounters stopped = input.GetCounters();
     EXPECT_EQ(stopped.frameCount + stopped.byteCount + stopped.dropCount, 0u);
 }
