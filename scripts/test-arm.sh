@@ -46,28 +46,40 @@ make_sysroot() {
     local debs=$build/debs package
     rm -rf "$sysroot" "$debs"
     mkdir -p "$debs" "$sysroot/lib"
-    (cd "$debs" && apt_get download $(library_closure libpcap0.8:armhf) libpcap0.8-dev:armhf)
-    for package in "$debs"/*.deb; do dpkg -x "$package" "$sysroot"; done
-    ln -sf /usr/$triple/lib/* "$sysroot/lib/"
+    # Called where a failure does not stop the script, so each step says for itself.
+    local packages
+    packages=$(library_closure libpcap0.8:armhf) || return 1
+    (cd "$debs" && apt_get download $packages libpcap0.8-dev:armhf) || return 1
+    for package in "$debs"/*.deb; do dpkg -x "$package" "$sysroot" || return 1; done
+    ln -sf /usr/$triple/lib/* "$sysroot/lib/" || return 1
     touch "$sysroot/.complete"
 }
 
-pcap_sysroot=""
 if ! installed libpcap0.8-dev:armhf && [ ! -e "$sysroot/.complete" ]; then
-    dpkg --print-foreign-architectures | grep -qx armhf || $sudo dpkg --add-architecture armhf
+    added_armhf=""
+    if ! dpkg --print-foreign-architectures | grep -qx armhf; then
+        $sudo dpkg --add-architecture armhf
+        added_armhf=yes
+    fi
     # A failing armhf index (a mirror in the middle of a sync) leaves the others usable.
     apt_get update || echo "apt-get update failed in part; going on with what it fetched"
     if ! apt_get install -y --no-install-recommends libpcap0.8-dev:armhf >/dev/null; then
         echo "libpcap0.8-dev:armhf does not install through multiarch; unpacking it into $sysroot"
-        make_sysroot
+        unpacked=yes
+        make_sysroot || unpacked=""
+        # Nothing armhf is installed, so dpkg goes back to how it was: otherwise every later
+        # apt-get update on this machine would fetch the armhf indexes, and fail with them.
+        [ -z "$added_armhf" ] || $sudo dpkg --remove-architecture armhf
+        [ -n "$unpacked" ] || { echo "cannot fetch libpcap for armhf" >&2; exit 1; }
     fi
 fi
+pcap_sysroot=""
 installed libpcap0.8-dev:armhf || pcap_sysroot=$sysroot
 
 echo "=== arm build"
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake" -DLYR_ARM_SYSROOT="$pcap_sysroot" \
-    -DLYR_BUILD_BENCHMARKS=OFF >/dev/null
+    -DLYR_SANITIZE=trap -DLYR_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build "$build" -j2
 echo "=== arm tests (qemu-arm)"
 ctest --test-dir "$build" --no-tests=error --output-on-failure -j2 "$@"
