@@ -49,7 +49,8 @@ make_sysroot() {
     # Called where a failure does not stop the script, so each step says for itself.
     local packages
     packages=$(library_closure libpcap0.8:armhf) || return 1
-    (cd "$debs" && apt_get download $packages libpcap0.8-dev:armhf) || return 1
+    # apt fetches as its own user, who may not write into a work tree.
+    (cd "$debs" && apt_get -o APT::Sandbox::User=root download $packages libpcap0.8-dev:armhf) || return 1
     for package in "$debs"/*.deb; do dpkg -x "$package" "$sysroot" || return 1; done
     ln -sf /usr/$triple/lib/* "$sysroot/lib/" || return 1
     touch "$sysroot/.complete"
