@@ -41,7 +41,7 @@ check "capture needs a device" test "$(status "$lyrcap" capture)" = 2
 check "capture refuses a port beyond 16 bits" test "$(status "$lyrcap" capture lo --port 70000)" = 2
 check "capture refuses a host that is no address" test "$(status "$lyrcap" capture lo --host 10.0.0)" = 2
 check "capture of an unknown device fails" test "$(status "$lyrcap" capture nosuch0 --count 1)" = 1
-check "the unknown device is named" grep -q "interface(nosuch0). The selected interface could not be found" "$dir/err"
+check "the unknown device is named" grep -q "Error attempting to configure interface(nosuch0)" "$dir/err"
 check "list-devices exits 0" test "$(status "$lyrcap" list-devices)" = 0
 check "list-devices lists the loopback device" grep -q "^lo  (.*loopback" "$dir/out"
 
