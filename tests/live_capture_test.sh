@@ -4,7 +4,7 @@
 set -u
 lyrcap=$1
 make_fixture=$2
-[ -z "${LYR_SKIP_LIVE:-}" ] || { echo "$LYR_SKIP_LIVE: skipped"; exit 77; }
+[ -z "${LYR_NO_DEVICES:-}" ] || { echo "$LYR_NO_DEVICES: skipped"; exit 77; }
 if [ "${LYR_IN_SANDBOX:-}" != 1 ]; then
     # Re-run inside a fresh namespace; it vanishes with the script. 77: skipped.
     LYR_IN_SANDBOX=1 unshare -n "$0" "$@"
