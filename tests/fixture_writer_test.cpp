@@ -164,9 +164,9 @@ TEST(FixtureWriter, FileAndMemoryOutputsAreIdentical)
         }
     }
     std::ifstream in(path, std::ios::binary);
-    std::vector<uint8_t> file{std::istreambuf_iterator<char>(in), {}};
-    EXPECT_GT(file.size(), 3000000u);
-    EXPECT_TRUE(file == memory);
+    std::vector<uint8_t> written{std::istreambuf_iterator<char>(in), {}};
+    EXPECT_GT(written.size(), 3000000u);
+    EXPECT_TRUE(written == memory);
 }
 
 TEST(FixtureWriter, BuiltPacketsMatchLibpcapFiltersAndChecksum)
