@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -154,7 +155,18 @@ bool PcapNetFile::Read(Lyr::EthFrame& frame)
         Kt::MyPrintf("Can only read from a file that is set to read.\n");
         return false;
     }
-    if (!pcapHandle || !bReadEnabled)
+    // bReadEnabled alone cannot keep us off a handle that SeekBegin closes: a seek may begin just
+    // after the check. So Read announces itself first and checks second, and SeekBegin clears
+    // the flag first and waits for the announcement to go second. Both sides use sequentially
+    // consistent operations, so at least one of them sees the other's store: either this Read
+    // finds reading disabled, or the seek waits until this Read is done with the handle. The
+    // cost per packet is one fenced store, and no lock.
+    bReading.store(true);
+    struct ReadingGuard {
+        std::atomic<bool>& bFlag;
+        ~ReadingGuard() { bFlag.store(false, std::memory_order_release); }
+    } guard{bReading};
+    if (!bReadEnabled.load() || !pcapHandle)
         return false;
     pcap_pkthdr header;
     const unsigned char* packet = pcap_next(pcapHandle, &header);
@@ -238,7 +250,11 @@ void PcapNetFile::SeekBegin(unsigned long long targetMs)
         Kt::MyPrintf("Seek time exceeds duration of pcap file.\n");
         return;
     }
-    bReadEnabled = false;
+    bReadEnabled.store(false);
+    // A Read on another thread that passed its check before the store above is still using the
+    // handle; it holds it for one packet only, so a short wait is enough.
+    while (bReading.load())
+        std::this_thread::yield();
     // Compares the absolute time with a target counted from the first packet: captures with
     // present-day stamps always start again from the beginning. A lost handle (the file went
     // away at an earlier seek) is reopened as well, since there is nothing to read on from.
