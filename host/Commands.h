@@ -12,5 +12,6 @@ struct Command {
 
 int RunInfo(const std::vector<std::string>& args);
 int RunReplay(const std::vector<std::string>& args);
+int RunConvert(const std::vector<std::string>& args);
 
 const std::vector<Command>& AllCommands();

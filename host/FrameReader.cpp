@@ -70,13 +70,26 @@ private:
 
 } // namespace
 
-bool FrameReader::Open(const std::string& path, bool bShowProgress)
+bool FrameReader::Open(const std::string& filePath, bool bShowProgress)
 {
+    path = filePath;
     file = CreateNetFile();
     if (!file)
         return false;
     ScanMonitor monitor(*file, path, bShowProgress && isatty(STDERR_FILENO));
     return file->ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0);
+}
+
+bool FrameReader::SeekTo(unsigned long long ms, const char* command)
+{
+    // Checked here so that the tool can fail with its own words; the back-end only prints.
+    if (ms >= file->GetDuration()) {
+        std::fprintf(stderr, "lyrcap %s: cannot seek to %llu ms: %s lasts %llu ms\n", command, ms, path.c_str(),
+                     file->GetDuration());
+        return false;
+    }
+    file->SeekBegin(ms);
+    return true;
 }
 
 const Lyr::EthFrame* FrameReader::Next()

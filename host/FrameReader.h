@@ -18,6 +18,11 @@ public:
     // Ctrl-C during the scan stops it early (Interrupted() then tells).
     bool Open(const std::string& path, bool bShowProgress);
 
+    // SeekBegin to `ms` after the first packet, when the file lasts longer; otherwise false,
+    // with a message in the name of `command`. The packet that reaches the time is consumed by
+    // the seek.
+    bool SeekTo(unsigned long long ms, const char* command);
+
     // The next frame, skipping packets that the back-end refuses; null at the end of the file.
     const Lyr::EthFrame* Next();
 
@@ -27,6 +32,7 @@ public:
 private:
     LogWatch watch;
     std::unique_ptr<Lyr::NetFile> file;
+    std::string path;
     Lyr::BufferPool pool{1, 9036};
     Lyr::EthFrame frame{pool.GetBuffer(), 0};
 };
