@@ -86,12 +86,17 @@ void PcapNetFile::InitializeFileStats(unsigned long long knownDuration)
         }
         bParsing = true;
         if (bHaveFirst) {
+            // Only this loop writes parseProgress, so a plain store of a running total is enough
+            // for GetParseProgress to see it whole; an atomic add would lock the bus per packet.
+            // The request to stop needs no ordering either: the hand-over below is under the lock.
+            unsigned long long progress = 0;
             pcap_pkthdr header;
             while (pcap_next(scan, &header)) {
                 lastHeader = header;
                 bHaveLast = true;
-                parseProgress += header.len;
-                if (!bParsing)
+                progress += header.len;
+                parseProgress.store(progress, std::memory_order_relaxed);
+                if (!bParsing.load(std::memory_order_relaxed))
                     break;
             }
         }
@@ -194,8 +199,10 @@ bool PcapNetFile::Read(Lyr::EthFrame& frame)
 
 void PcapNetFile::ReadEthernet(Lyr::EthFrame& frame, const unsigned char* packet, unsigned int len)
 {
-    Kt::CSlice<unsigned char> bytes = frame.GetData();
-    bytes = bytes.Prefix(len);
+    // The frame's own slice, narrowed in place: a copy and a prefix would end alike, but would
+    // cost two atomic increments and two decrements of the buffer's count on every packet.
+    Kt::CSlice<unsigned char>& bytes = frame.GetData();
+    bytes.size = len;
     if (len != 0)
         std::memmove(bytes.data, packet, len);
     frame.SetData(bytes);
@@ -293,7 +300,10 @@ void PcapNetFile::Write(const Lyr::EthFrame& frame)
     if (!pcapDumper)
         return;
     const unsigned long long t = frame.GetTimestamp();
-    const Kt::CSlice<unsigned char> bytes = frame.GetData();
+    // The frame's own slice, read in place: the caller holds the frame, and so its buffer, for
+    // the whole call, and a copy (which GetData() const makes) would cost an atomic increment
+    // and decrement of the buffer's count on every frame. Nothing here changes the frame.
+    const Kt::CSlice<unsigned char>& bytes = const_cast<Lyr::EthFrame&>(frame).GetData();
     pcap_pkthdr header;
     header.caplen = bytes.size;
     header.len = bytes.size;
