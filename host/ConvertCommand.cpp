@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <iostream>
-#include <limits>
 
 namespace {
 
@@ -40,9 +39,8 @@ bool SameFile(const std::string& a, const std::string& b)
 int RunConvert(const std::vector<std::string>& args)
 {
     CommandLine line(args, {"--from", "--count"}, {});
-    std::uint64_t count = std::numeric_limits<std::uint64_t>::max(), fromMs = 0;
-    if (!line.Ok() || !line.Number("--count", 1, count, count) ||
-        !line.Number("--from", 0, std::numeric_limits<std::uint64_t>::max(), fromMs))
+    FrameRange range;
+    if (!line.Ok() || !range.Parse(line, "--from"))
         return UsageError("convert", line.Error());
     if (line.Has("--help")) {
         std::cout << Help;
@@ -57,11 +55,7 @@ int RunConvert(const std::vector<std::string>& args)
         return UsageError("convert", "the output would overwrite the input");
 
     FrameReader reader;
-    if (!reader.Open(in, true)) {
-        std::cerr << "lyrcap convert: cannot read " << in << "\n";
-        return ExitFailure;
-    }
-    if (line.Has("--from") && !reader.SeekTo(fromMs, "convert"))
+    if (!reader.OpenRange(in, range, "convert"))
         return ExitFailure;
     std::unique_ptr<Lyr::NetFile> recording = CreateNetFile();
     if (!recording || !recording->ConfigureFile(out, Lyr::NetFile::NetFileMode_Write, 0)) {
@@ -69,7 +63,7 @@ int RunConvert(const std::vector<std::string>& args)
         return ExitFailure;
     }
     unsigned long long frames = 0, bytes = 0;
-    while (frames < count && !Interrupted()) {
+    while (frames < range.count && !Interrupted()) {
         const Lyr::EthFrame* frame = reader.Next();
         if (!frame)
             break;

@@ -80,15 +80,26 @@ bool FrameReader::Open(const std::string& filePath, bool bShowProgress)
     return file->ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0);
 }
 
-bool FrameReader::SeekTo(unsigned long long ms, const char* command)
+bool FrameRange::Parse(CommandLine& line, const std::string& seekOption)
 {
-    // Checked here so that the tool can fail with its own words; the back-end only prints.
-    if (ms >= file->GetDuration()) {
-        std::fprintf(stderr, "lyrcap %s: cannot seek to %llu ms: %s lasts %llu ms\n", command, ms, path.c_str(),
-                     file->GetDuration());
+    bSeek = line.Has(seekOption);
+    return line.Number("--count", 1, UINT64_MAX, count) && line.Number(seekOption, 0, UINT64_MAX, startMs);
+}
+
+bool FrameReader::OpenRange(const std::string& filePath, const FrameRange& range, const char* command)
+{
+    if (!Open(filePath, true)) {
+        std::fprintf(stderr, "lyrcap %s: cannot read %s\n", command, filePath.c_str());
         return false;
     }
-    file->SeekBegin(ms);
+    if (!range.bSeek)
+        return true;
+    if (range.startMs >= file->GetDuration()) {
+        std::fprintf(stderr, "lyrcap %s: cannot seek to %llu ms: %s lasts %llu ms\n", command,
+                     static_cast<unsigned long long>(range.startMs), path.c_str(), file->GetDuration());
+        return false;
+    }
+    file->SeekBegin(range.startMs);
     return true;
 }
 

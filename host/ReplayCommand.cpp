@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <iostream>
-#include <limits>
 
 namespace {
 
@@ -42,9 +41,8 @@ const char* EtherTypeName(unsigned short type)
 int RunReplay(const std::vector<std::string>& args)
 {
     CommandLine line(args, {"--count", "--seek"}, {});
-    std::uint64_t count = std::numeric_limits<std::uint64_t>::max(), seekMs = 0;
-    if (!line.Ok() || !line.Number("--count", 1, count, count) ||
-        !line.Number("--seek", 0, std::numeric_limits<std::uint64_t>::max(), seekMs))
+    FrameRange range;
+    if (!line.Ok() || !range.Parse(line, "--seek"))
         return UsageError("replay", line.Error());
     if (line.Has("--help")) {
         std::cout << Help;
@@ -55,14 +53,10 @@ int RunReplay(const std::vector<std::string>& args)
     const std::string path = line.Positional().empty() ? SamplePath("ethernet.pcap") : line.Positional()[0];
 
     FrameReader reader;
-    if (!reader.Open(path, true)) {
-        std::cerr << "lyrcap replay: cannot read " << path << "\n";
-        return ExitFailure;
-    }
-    if (line.Has("--seek") && !reader.SeekTo(seekMs, "replay"))
+    if (!reader.OpenRange(path, range, "replay"))
         return ExitFailure;
     unsigned long long frames = 0, bytes = 0;
-    while (frames < count && !Interrupted()) {
+    while (frames < range.count && !Interrupted()) {
         const Lyr::EthFrame* frame = reader.Next();
         if (!frame)
             break;
