@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <memory>
@@ -238,8 +239,13 @@ TEST_F(Seek, ReadsOnAnotherThreadDuringSeeksGetWholeFramesOrNone)
                 ++wrong;
         }
     });
-    for (int round = 0; round < 400; ++round)
+    // Go on seeking until the reader has had frames between seeks as well, within a generous
+    // deadline for a slow, busy machine.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    for (int round = 0; round < 400 || (delivered == 0 && std::chrono::steady_clock::now() < deadline); ++round) {
         file.SeekBegin(round % 150);
+        std::this_thread::yield();
+    }
     bStop = true;
     reader.join();
     EXPECT_EQ(wrong, 0);
