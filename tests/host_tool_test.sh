@@ -53,6 +53,10 @@ for source in "$eth" "$dir/corpus/nano.pcap" "$dir/corpus/pcapng-nano.pcapng" "$
     check "convert $name exits 0" test "$(status "$lyrcap" convert "$source" "$dir/copy.pcap")" = 0
     check "convert $name keeps packets, bytes and stamps" test "$(dump "$source")" = "$(dump "$dir/copy.pcap")"
     check "convert $name has some packets" test -n "$(dump "$dir/copy.pcap")"
+    count=$(tcpdump -r "$source" 2>/dev/null | wc -l)
+    check "info $name counts what tcpdump counts" bash -c "'$lyrcap' info '$source' 2>/dev/null | grep -q '^packets: *$count\$'"
+    check "replay $name gives tcpdump's stamps" \
+        test "$("$lyrcap" replay "$source" 2>/dev/null | cut -d' ' -f1)" = "$(tcpdump -tt -r "$source" 2>/dev/null | cut -d' ' -f1)"
 done
 check "convert RAW exits 0" test "$(status "$lyrcap" convert "$raw" "$dir/eth.pcap")" = 0
 check "converted RAW is Ethernet" bash -c "tcpdump -r '$dir/eth.pcap' 2>&1 >/dev/null | grep -q 'link-type EN10MB'"
