@@ -11,5 +11,7 @@ echo "installing: ${missing[*]}"
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo=sudo
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
+# One index that fails (a mirror in the middle of a sync, a foreign architecture's index out of
+# step) leaves the others usable; the install below says whether what we need is there.
+$sudo apt-get update -qq || echo "apt-get update failed in part; going on with what it fetched"
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <atomic>
 #include <thread>
@@ -255,4 +256,21 @@ TEST_F(CaptureFile, ReadNeverWritesPastASmallBuffer)
     EXPECT_TRUE(file.Read(frame));
     Lyr::EthFrame noBuffer;
     EXPECT_FALSE(file.Read(noBuffer));
+}
+
+// Counts that need more than 32 bits, as the 32-bit target must still keep them: wire lengths
+// that add up past 2^32 and a span of 68 years in milliseconds.
+TEST_F(CaptureFile, ProgressAndDurationPassThirtyTwoBits)
+{
+    const std::string path = dir.File("wide.pcap");
+    {
+        fixture::CaptureFileWriter writer(path);
+        writer.Add(Packet(1, 0, 60, 0xF0000000u));
+        writer.Add(Packet(2, 0, 60, 0xF0000000u));
+        writer.Add(Packet(INT32_MAX, 0, 60, 0xF0000000u));
+    }
+    ASSERT_TRUE(file.ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0));
+    EXPECT_EQ(file.GetParseProgress(), 2 * 0xF0000000ULL);
+    EXPECT_EQ(file.GetDuration(), (INT32_MAX - 1) * 1000ULL);
+    EXPECT_TRUE(log.Lines().empty());
 }
