@@ -12,6 +12,7 @@ struct Command {
 
 int RunInfo(const std::vector<std::string>& args);
 int RunReplay(const std::vector<std::string>& args);
+int RunConvert(const std::vector<std::string>& args);
 int RunCapture(const std::vector<std::string>& args);
 int RunListDevices(const std::vector<std::string>& args);
 

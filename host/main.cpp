@@ -11,6 +11,7 @@ const std::vector<Command>& AllCommands()
     static const std::vector<Command> commands = {
         {"info", "what a capture file holds: link type, packets, bytes, duration", RunInfo},
         {"replay", "print the frames of a capture file as the back-end delivers them", RunReplay},
+        {"convert", "record the frames of a capture file into a new Ethernet capture", RunConvert},
         {"capture", "capture a device's traffic through the live back-end, optionally into a file", RunCapture},
         {"list-devices", "the network devices that libpcap finds", RunListDevices},
     };

@@ -2,8 +2,9 @@
 # Builds and runs the test suite.
 #   scripts/test.sh          the release build, every test
 #   scripts/test.sh --all    also AddressSanitizer with UndefinedBehaviorSanitizer (every test),
-#                            ThreadSanitizer (the tests that run threads) and the 32-bit ARM
-#                            build under qemu-arm (scripts/test-arm.sh): what CI runs
+#                            ThreadSanitizer (the tests that run threads), the 32-bit ARM
+#                            build under qemu-arm (scripts/test-arm.sh) and a minute of the
+#                            capture-file fuzz target: what CI runs
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh"
@@ -22,4 +23,6 @@ if [ "${1:-}" = "--all" ]; then
     ASAN_OPTIONS=detect_leaks=1:halt_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_suite asan
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_suite tsan -L threads
     "$root/scripts/test-arm.sh"
+    echo "=== fuzz"
+    "$root/scripts/fuzz.sh" 60
 fi

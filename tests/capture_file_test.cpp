@@ -1,4 +1,5 @@
 #include "PcapNetFile.h"
+#include "support/CaptureFiles.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -16,14 +17,6 @@
 namespace {
 
 const std::string InvalidSize = "Error reading packet from interface. Invalid packet size.";
-constexpr int64_t Now = 1714564800; // 2024-05-01, a present-day stamp
-
-std::vector<uint8_t> Frame(size_t size, uint8_t seed = 1)
-{
-    return fixture::EthernetFrame(0x0a0000000002, 0x0a0000000001, fixture::kEtherTypeIpv4,
-                                  fixture::Payload(size - 14, seed));
-}
-
 fixture::Record Packet(int64_t sec, int64_t usec, uint32_t caplen, uint32_t len)
 {
     fixture::Record record;
@@ -34,12 +27,6 @@ fixture::Record Packet(int64_t sec, int64_t usec, uint32_t caplen, uint32_t len)
     record.data = fixture::Payload(caplen, 3);
     return record;
 }
-
-// A frame with a buffer for the largest packet and an Ethernet header in front of it.
-struct FrameBuffer {
-    Lyr::BufferPool pool{1, 9036};
-    Lyr::EthFrame frame{pool.GetBuffer(), 0};
-};
 
 class CaptureFile : public ::testing::Test {
 protected:
