@@ -13,5 +13,8 @@ struct Command {
 int RunInfo(const std::vector<std::string>& args);
 int RunReplay(const std::vector<std::string>& args);
 int RunSend(const std::vector<std::string>& args);
+int RunConvert(const std::vector<std::string>& args);
+int RunCapture(const std::vector<std::string>& args);
+int RunListDevices(const std::vector<std::string>& args);
 
 const std::vector<Command>& AllCommands();

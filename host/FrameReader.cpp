@@ -70,13 +70,37 @@ private:
 
 } // namespace
 
-bool FrameReader::Open(const std::string& path, bool bShowProgress)
+bool FrameReader::Open(const std::string& filePath, bool bShowProgress)
 {
+    path = filePath;
     file = CreateNetFile();
     if (!file)
         return false;
     ScanMonitor monitor(*file, path, bShowProgress && isatty(STDERR_FILENO));
     return file->ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0);
+}
+
+bool FrameRange::Parse(CommandLine& line, const std::string& seekOption)
+{
+    bSeek = line.Has(seekOption);
+    return line.Number("--count", 1, UINT64_MAX, count) && line.Number(seekOption, 0, UINT64_MAX, startMs);
+}
+
+bool FrameReader::OpenRange(const std::string& filePath, const FrameRange& range, const char* command)
+{
+    if (!Open(filePath, true)) {
+        std::fprintf(stderr, "lyrcap %s: cannot read %s\n", command, filePath.c_str());
+        return false;
+    }
+    if (!range.bSeek)
+        return true;
+    if (range.startMs >= file->GetDuration()) {
+        std::fprintf(stderr, "lyrcap %s: cannot seek to %llu ms: %s lasts %llu ms\n", command,
+                     static_cast<unsigned long long>(range.startMs), path.c_str(), file->GetDuration());
+        return false;
+    }
+    file->SeekBegin(range.startMs);
+    return true;
 }
 
 const Lyr::EthFrame* FrameReader::Next()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CommandLine.h"
 #include "Host.h"
 
 #include <lyr/BufferPool.h>
@@ -10,6 +11,17 @@
 #include <memory>
 #include <string>
 
+// The part of a file that a command takes: from a seek target (an option in milliseconds, such
+// as --seek or --from) and at most --count frames.
+struct FrameRange {
+    bool bSeek = false;
+    std::uint64_t startMs = 0;
+    std::uint64_t count = UINT64_MAX;
+
+    // Reads both options; false, with the line's error set, when one is not a fitting number.
+    bool Parse(CommandLine& line, const std::string& seekOption);
+};
+
 // Reads a capture file frame by frame through the plug-in's capture-file back-end, into one
 // reused buffer with room for the largest frame and an Ethernet header in front.
 class FrameReader {
@@ -17,6 +29,11 @@ public:
     // Opens `path`; progress of the scan goes to standard error while `bShowProgress`, and
     // Ctrl-C during the scan stops it early (Interrupted() then tells).
     bool Open(const std::string& path, bool bShowProgress);
+
+    // Opens `path` with progress shown, then seeks to the range's start when it has one: when the
+    // file lasts longer than that, since the back-end only prints when it refuses. The packet
+    // that reaches the time is consumed by the seek. Failures are told in the name of `command`.
+    bool OpenRange(const std::string& path, const FrameRange& range, const char* command);
 
     // The next frame, skipping packets that the back-end refuses; null at the end of the file.
     const Lyr::EthFrame* Next();
@@ -28,6 +45,7 @@ public:
 private:
     LogWatch watch;
     std::unique_ptr<Lyr::NetFile> file;
+    std::string path;
     Lyr::BufferPool pool{1, 9036};
     Lyr::EthFrame frame{pool.GetBuffer(), 0};
 };

@@ -79,6 +79,14 @@ std::unique_ptr<Lyr::NetFile> CreateNetFile()
     return file;
 }
 
+std::unique_ptr<Lyr::NetInputIf> CreateNetInputIf()
+{
+    auto input = Lyr::CreatePlugin<Lyr::NetInputIf>("pcap");
+    if (!input)
+        std::cerr << "lyrcap: the plug-in registered no live-input back-end \"pcap\"\n";
+    return input;
+}
+
 void InstallInterruptHandler()
 {
     std::signal(SIGINT, OnInterrupt);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <lyr/NetFile.h>
+#include <lyr/NetInputIf.h>
 
 #include <atomic>
 #include <cstdint>
@@ -19,6 +20,8 @@ std::string SamplePath(const std::string& name);
 
 // A capture-file back-end from the loaded plug-in, or null with a message.
 std::unique_ptr<Lyr::NetFile> CreateNetFile();
+// A live-input back-end from the loaded plug-in, or null with a message.
+std::unique_ptr<Lyr::NetInputIf> CreateNetInputIf();
 
 // Ctrl-C (and SIGTERM) set a flag that long-running commands poll; a second Ctrl-C while the
 // flag is set kills the process as usual.

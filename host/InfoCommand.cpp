@@ -73,7 +73,7 @@ int RunInfo(const std::vector<std::string>& args)
     }
     std::printf("file:           %s\n", path.c_str());
     std::printf("link type:      %s\n", LinkTypeOf(path).c_str());
-    std::printf("packets:        %llu\n", packets);
+    std::printf("packets:        %llu%s\n", packets, Interrupted() ? " (stopped by Ctrl-C: the figures are partial)" : "");
     if (reader.Refused() != 0)
         std::printf("refused:        %llu (not complete frames)\n", static_cast<unsigned long long>(reader.Refused()));
     std::printf("bytes:          %llu (as frames)\n", bytes);

@@ -4,18 +4,23 @@
 
 #include <cstdio>
 #include <iostream>
-#include <limits>
 
 namespace {
 
-const char* const Help = R"(Usage: lyrcap replay [FILE] [--count N]
+const char* const Help = R"(Usage: lyrcap replay [FILE] [--seek MS] [--count N]
 
 Replays a capture file through the back-end and prints one line per frame:
-time stamp, length, destination > source MAC address, EtherType. A capture of bare IP
-packets comes out as Ethernet frames. Packets that are not complete frames are refused
-with a message and skipped. Without FILE, the shipped Ethernet sample is used.
+time stamp, position in ms after the first packet, length, destination > source MAC
+address, EtherType. A capture of bare IP packets comes out as Ethernet frames. Packets
+that are not complete frames are refused with a message and skipped. Without FILE, the
+shipped Ethernet sample is used. Nanosecond and pcapng captures are read too; time stamps
+are in microseconds.
 
 Options:
+  --seek MS   start MS milliseconds after the first packet. The back-end's seek stops at
+              the first packet at or after that time and consumes it, so the replay
+              begins with the packet behind it (with MS 0, at the first packet). MS must
+              be below the file's duration.
   --count N   stop after N frames
 )";
 
@@ -35,9 +40,9 @@ const char* EtherTypeName(unsigned short type)
 
 int RunReplay(const std::vector<std::string>& args)
 {
-    CommandLine line(args, {"--count"}, {});
-    std::uint64_t count = std::numeric_limits<std::uint64_t>::max();
-    if (!line.Ok() || !line.Number("--count", 1, count, count))
+    CommandLine line(args, {"--count", "--seek"}, {});
+    FrameRange range;
+    if (!line.Ok() || !range.Parse(line, "--seek"))
         return UsageError("replay", line.Error());
     if (line.Has("--help")) {
         std::cout << Help;
@@ -48,18 +53,16 @@ int RunReplay(const std::vector<std::string>& args)
     const std::string path = line.Positional().empty() ? SamplePath("ethernet.pcap") : line.Positional()[0];
 
     FrameReader reader;
-    if (!reader.Open(path, true)) {
-        std::cerr << "lyrcap replay: cannot read " << path << "\n";
+    if (!reader.OpenRange(path, range, "replay"))
         return ExitFailure;
-    }
     unsigned long long frames = 0, bytes = 0;
-    while (frames < count && !Interrupted()) {
+    while (frames < range.count && !Interrupted()) {
         const Lyr::EthFrame* frame = reader.Next();
         if (!frame)
             break;
         const unsigned short type = frame->GetLengthType();
-        std::printf("%s %5u  %s > %s  0x%04x %s\n", FormatEpoch(frame->GetTimestamp()).c_str(),
-                    frame->GetData().size, FormatMac(frame->GetDstAddress()).c_str(),
+        std::printf("%s %8llu ms %5u  %s > %s  0x%04x %s\n", FormatEpoch(frame->GetTimestamp()).c_str(),
+                    reader.File().GetPosition(), frame->GetData().size, FormatMac(frame->GetDstAddress()).c_str(),
                     FormatMac(frame->GetSrcAddress()).c_str(), type, EtherTypeName(type));
         ++frames;
         bytes += frame->GetData().size;

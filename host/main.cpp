@@ -12,6 +12,9 @@ const std::vector<Command>& AllCommands()
         {"info", "what a capture file holds: link type, packets, bytes, duration", RunInfo},
         {"replay", "print the frames of a capture file as the back-end delivers them", RunReplay},
         {"send", "put the frames of a capture file on the wire of a device, keeping their times", RunSend},
+        {"convert", "record the frames of a capture file into a new Ethernet capture", RunConvert},
+        {"capture", "capture a device's traffic through the live back-end, optionally into a file", RunCapture},
+        {"list-devices", "the network devices that libpcap finds", RunListDevices},
     };
     return commands;
 }
@@ -25,7 +28,7 @@ void PrintUsage(std::ostream& out)
            "plug-in, calls InitializePlugin and takes its back-ends from the factories.\n\n"
            "Commands:\n";
     for (const Command& command : AllCommands())
-        out << "  " << command.name << std::string(12 - std::strlen(command.name), ' ') << command.summary << "\n";
+        out << "  " << command.name << std::string(14 - std::strlen(command.name), ' ') << command.summary << "\n";
     out << "\nOptions:\n"
            "  --plugin PATH   the plug-in to load (default: $LYRCAP_PLUGIN, or the one installed\n"
            "                  beside this program)\n"

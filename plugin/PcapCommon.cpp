@@ -60,19 +60,6 @@ timeval CalculateTimeDiff(timeval a, timeval b)
     return result;
 }
 
-unsigned long long TimeValToMilliseconds(const timeval& value)
-{
-    long long wholeMs = static_cast<long long>(value.tv_usec / 1000);
-    return static_cast<unsigned long long>(wholeMs) + 1000ULL * static_cast<unsigned long long>(
-                                                                     static_cast<long long>(value.tv_sec));
-}
-
-unsigned long long TimeValToMicroseconds(const timeval& value)
-{
-    return static_cast<unsigned long long>(static_cast<long long>(value.tv_usec)) +
-           1000000ULL * static_cast<unsigned long long>(static_cast<long long>(value.tv_sec));
-}
-
 void PrintNegativeTime(const char* operation)
 {
     Kt::MyPrintf("%s(): Negative time value, file could be corrupted.\n", operation);

@@ -28,9 +28,20 @@ inline bool IsNegative(const timeval& difference)
 }
 
 // Whole milliseconds (below a millisecond is dropped) and microseconds, from sign-extended
-// fields, in two's complement.
-unsigned long long TimeValToMilliseconds(const timeval& value);
-unsigned long long TimeValToMicroseconds(const timeval& value);
+// fields, in two's complement. Inline: one runs for every frame replayed or captured, the other
+// for every packet a seek passes.
+inline unsigned long long TimeValToMilliseconds(const timeval& value)
+{
+    const long long wholeMs = static_cast<long long>(value.tv_usec / 1000);
+    return static_cast<unsigned long long>(wholeMs) +
+           1000ULL * static_cast<unsigned long long>(static_cast<long long>(value.tv_sec));
+}
+
+inline unsigned long long TimeValToMicroseconds(const timeval& value)
+{
+    return static_cast<unsigned long long>(static_cast<long long>(value.tv_usec)) +
+           1000000ULL * static_cast<unsigned long long>(static_cast<long long>(value.tv_sec));
+}
 
 // Prints the corrupted-file message for a negative time span met in `operation`.
 void PrintNegativeTime(const char* operation);

@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -85,12 +86,17 @@ void PcapNetFile::InitializeFileStats(unsigned long long knownDuration)
         }
         bParsing = true;
         if (bHaveFirst) {
+            // Only this loop writes parseProgress, so a plain store of a running total is enough
+            // for GetParseProgress to see it whole; an atomic add would lock the bus per packet.
+            // The request to stop needs no ordering either: the hand-over below is under the lock.
+            unsigned long long progress = 0;
             pcap_pkthdr header;
             while (pcap_next(scan, &header)) {
                 lastHeader = header;
                 bHaveLast = true;
-                parseProgress += header.len;
-                if (!bParsing)
+                progress += header.len;
+                parseProgress.store(progress, std::memory_order_relaxed);
+                if (!bParsing.load(std::memory_order_relaxed))
                     break;
             }
         }
@@ -154,7 +160,18 @@ bool PcapNetFile::Read(Lyr::EthFrame& frame)
         Kt::MyPrintf("Can only read from a file that is set to read.\n");
         return false;
     }
-    if (!pcapHandle || !bReadEnabled)
+    // bReadEnabled alone cannot keep us off a handle that SeekBegin closes: a seek may begin just
+    // after the check. So Read announces itself first and checks second, and SeekBegin clears
+    // the flag first and waits for the announcement to go second. Both sides use sequentially
+    // consistent operations, so at least one of them sees the other's store: either this Read
+    // finds reading disabled, or the seek waits until this Read is done with the handle. The
+    // cost per packet is one fenced store, and no lock.
+    bReading.store(true);
+    struct ReadingGuard {
+        std::atomic<bool>& bFlag;
+        ~ReadingGuard() { bFlag.store(false, std::memory_order_release); }
+    } guard{bReading};
+    if (!bReadEnabled.load() || !pcapHandle)
         return false;
     pcap_pkthdr header;
     const unsigned char* packet = pcap_next(pcapHandle, &header);
@@ -182,8 +199,10 @@ bool PcapNetFile::Read(Lyr::EthFrame& frame)
 
 void PcapNetFile::ReadEthernet(Lyr::EthFrame& frame, const unsigned char* packet, unsigned int len)
 {
-    Kt::CSlice<unsigned char> bytes = frame.GetData();
-    bytes = bytes.Prefix(len);
+    // The frame's own slice, narrowed in place: a copy and a prefix would end alike, but would
+    // cost two atomic increments and two decrements of the buffer's count on every packet.
+    Kt::CSlice<unsigned char>& bytes = frame.GetData();
+    bytes.size = len;
     if (len != 0)
         std::memmove(bytes.data, packet, len);
     frame.SetData(bytes);
@@ -238,7 +257,11 @@ void PcapNetFile::SeekBegin(unsigned long long targetMs)
         Kt::MyPrintf("Seek time exceeds duration of pcap file.\n");
         return;
     }
-    bReadEnabled = false;
+    bReadEnabled.store(false);
+    // A Read on another thread that passed its check before the store above is still using the
+    // handle; it holds it for one packet only, so a short wait is enough.
+    while (bReading.load())
+        std::this_thread::yield();
     // Compares the absolute time with a target counted from the first packet: captures with
     // present-day stamps always start again from the beginning. A lost handle (the file went
     // away at an earlier seek) is reopened as well, since there is nothing to read on from.
@@ -277,7 +300,10 @@ void PcapNetFile::Write(const Lyr::EthFrame& frame)
     if (!pcapDumper)
         return;
     const unsigned long long t = frame.GetTimestamp();
-    const Kt::CSlice<unsigned char> bytes = frame.GetData();
+    // The frame's own slice, read in place: the caller holds the frame, and so its buffer, for
+    // the whole call, and a copy (which GetData() const makes) would cost an atomic increment
+    // and decrement of the buffer's count on every frame. Nothing here changes the frame.
+    const Kt::CSlice<unsigned char>& bytes = const_cast<Lyr::EthFrame&>(frame).GetData();
     pcap_pkthdr header;
     header.caplen = bytes.size;
     header.len = bytes.size;

@@ -39,6 +39,9 @@ private:
     timeval firstTimestamp{0, 0};
     timeval currentTimestamp{0, 0};
     std::atomic<bool> bReadEnabled{true};
+    // Raised by Read from before its bReadEnabled check until it is done with pcapHandle, so
+    // that SeekBegin can wait for a Read in progress before it closes the handle.
+    std::atomic<bool> bReading{false};
     unsigned int rawLinkType = 0;
     std::atomic<unsigned long long> parseProgress{0};
     std::atomic<bool> bParsing{false};

@@ -1,5 +1,6 @@
 #include "PcapNetFile.h"
 #include "PcapNetOutputIf.h"
+#include "PcapNetInputIf.h"
 
 #include <lyr/PluginFactory.h>
 
@@ -12,5 +13,6 @@ extern "C" LYR_SHARED void InitializePlugin()
         return;
     static Lyr::PluginRegistrar<Lyr::NetFile, PcapNetFile> pcapNetFile("pcap");
     static Lyr::PluginRegistrar<Lyr::NetOutputIf, PcapNetOutputIf> pcapNetOutputIf("pcap");
+    static Lyr::PluginRegistrar<Lyr::NetInputIf, PcapNetInputIf> pcapNetInputIf("pcap");
     bInitialized = true;
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, if any is missing.
 set -euo pipefail
-packages=(cmake ninja-build g++ binutils pkg-config libpcap-dev libgtest-dev tcpdump tshark iproute2 "$@")
+packages=(cmake ninja-build g++ binutils pkg-config libpcap-dev libgtest-dev tcpdump tshark tcpreplay iproute2 "$@")
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")
@@ -11,5 +11,7 @@ echo "installing: ${missing[*]}"
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo=sudo
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq
+# One index that fails (a mirror in the middle of a sync, a foreign architecture's index out of
+# step) leaves the others usable; the install below says whether what we need is there.
+$sudo apt-get update -qq || echo "apt-get update failed in part; going on with what it fetched"
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

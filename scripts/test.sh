@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Builds and runs the test suite.
 #   scripts/test.sh          the release build, every test
-#   scripts/test.sh --all    also AddressSanitizer with UndefinedBehaviorSanitizer (every test)
-#                            and ThreadSanitizer (the tests that run threads): what CI runs
+#   scripts/test.sh --all    also AddressSanitizer with UndefinedBehaviorSanitizer (every test),
+#                            ThreadSanitizer (the tests that run threads), the 32-bit ARM
+#                            build under qemu-arm (scripts/test-arm.sh) and a minute of the
+#                            capture-file fuzz target: what CI runs
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh"
@@ -20,4 +22,7 @@ if [ "${1:-}" = "--all" ]; then
     # halt_on_error: a sanitizer report fails the test instead of scrolling past.
     ASAN_OPTIONS=detect_leaks=1:halt_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_suite asan
     TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_suite tsan -L threads
+    "$root/scripts/test-arm.sh"
+    echo "=== fuzz"
+    "$root/scripts/fuzz.sh" 60
 fi

@@ -1,4 +1,5 @@
 #include "PcapNetFile.h"
+#include "support/CaptureFiles.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -8,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <atomic>
 #include <thread>
@@ -15,14 +17,6 @@
 namespace {
 
 const std::string InvalidSize = "Error reading packet from interface. Invalid packet size.";
-constexpr int64_t Now = 1714564800; // 2024-05-01, a present-day stamp
-
-std::vector<uint8_t> Frame(size_t size, uint8_t seed = 1)
-{
-    return fixture::EthernetFrame(0x0a0000000002, 0x0a0000000001, fixture::kEtherTypeIpv4,
-                                  fixture::Payload(size - 14, seed));
-}
-
 fixture::Record Packet(int64_t sec, int64_t usec, uint32_t caplen, uint32_t len)
 {
     fixture::Record record;
@@ -33,12 +27,6 @@ fixture::Record Packet(int64_t sec, int64_t usec, uint32_t caplen, uint32_t len)
     record.data = fixture::Payload(caplen, 3);
     return record;
 }
-
-// A frame with a buffer for the largest packet and an Ethernet header in front of it.
-struct FrameBuffer {
-    Lyr::BufferPool pool{1, 9036};
-    Lyr::EthFrame frame{pool.GetBuffer(), 0};
-};
 
 class CaptureFile : public ::testing::Test {
 protected:
@@ -268,4 +256,21 @@ TEST_F(CaptureFile, ReadNeverWritesPastASmallBuffer)
     EXPECT_TRUE(file.Read(frame));
     Lyr::EthFrame noBuffer;
     EXPECT_FALSE(file.Read(noBuffer));
+}
+
+// Counts that need more than 32 bits, as the 32-bit target must still keep them: wire lengths
+// that add up past 2^32 and a span of 68 years in milliseconds.
+TEST_F(CaptureFile, ProgressAndDurationPassThirtyTwoBits)
+{
+    const std::string path = dir.File("wide.pcap");
+    {
+        fixture::CaptureFileWriter writer(path);
+        writer.Add(Packet(1, 0, 60, 0xF0000000u));
+        writer.Add(Packet(2, 0, 60, 0xF0000000u));
+        writer.Add(Packet(INT32_MAX, 0, 60, 0xF0000000u));
+    }
+    ASSERT_TRUE(file.ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0));
+    EXPECT_EQ(file.GetParseProgress(), 2 * 0xF0000000ULL);
+    EXPECT_EQ(file.GetDuration(), (INT32_MAX - 1) * 1000ULL);
+    EXPECT_TRUE(log.Lines().empty());
 }

@@ -34,8 +34,58 @@ check "unknown option is a usage error" test "$(status "$lyrcap" info --bogus)" 
 check "unknown command is a usage error" test "$(status "$lyrcap" bogus)" = 2
 check "missing file fails" test "$(status "$lyrcap" info "$dir/none.pcap")" = 1
 check "missing file is named" grep -q "Error reading pcap file" "$dir/err"
+# Seeking: the position column counts from the first packet; the packet at the target is
+# consumed, so the replay starts behind it.
+check "replay --seek 0 gives every frame" test "$(status "$lyrcap" replay "$eth" --seek 0; lines)" = "$(printf '0\n%s' "$expected")"
+status "$lyrcap" replay "$eth" >/dev/null; cp "$dir/out" "$dir/all"
+after50=$(awk '$2 >= 50' "$dir/all" | tail -n +2)
+check "replay --seek 50 starts behind the first frame at 50 ms" \
+    test "$(status "$lyrcap" replay "$eth" --seek 50; cat "$dir/out")" = "$(printf '0\n%s' "$after50")"
+check "replay --seek beyond the duration fails" test "$(status "$lyrcap" replay "$eth" --seek 100000)" = 1
+check "the refused seek says how long the file lasts" grep -q "cannot seek to 100000 ms: .* lasts [0-9]* ms" "$dir/err"
+
+# Conversion: tcpdump must see the same packets, bytes and stamps in the copy of a capture of
+# frames, in whatever format it came.
+"$make_fixture" corpus "$dir/corpus" >/dev/null
+dump() { tcpdump -tt -nn -x -r "$1" 2>/dev/null; }
+for source in "$eth" "$dir/corpus/nano.pcap" "$dir/corpus/pcapng-nano.pcapng" "$dir/corpus/big-endian.pcap"; do
+    name=$(basename "$source")
+    check "convert $name exits 0" test "$(status "$lyrcap" convert "$source" "$dir/copy.pcap")" = 0
+    check "convert $name keeps packets, bytes and stamps" test "$(dump "$source")" = "$(dump "$dir/copy.pcap")"
+    check "convert $name has some packets" test -n "$(dump "$dir/copy.pcap")"
+    count=$(tcpdump -r "$source" 2>/dev/null | wc -l)
+    check "info $name counts what tcpdump counts" bash -c "'$lyrcap' info '$source' 2>/dev/null | grep -q '^packets: *$count\$'"
+    check "replay $name gives tcpdump's stamps" \
+        test "$("$lyrcap" replay "$source" 2>/dev/null | cut -d' ' -f1)" = "$(tcpdump -tt -r "$source" 2>/dev/null | cut -d' ' -f1)"
+done
+check "convert RAW exits 0" test "$(status "$lyrcap" convert "$raw" "$dir/eth.pcap")" = 0
+check "converted RAW is Ethernet" bash -c "tcpdump -r '$dir/eth.pcap' 2>&1 >/dev/null | grep -q 'link-type EN10MB'"
+check "converted RAW has group addresses and IPv4" test "$(tshark -r "$dir/eth.pcap" -T fields -e eth.dst -e eth.type -e ip.dst 2>/dev/null | head -2)" \
+    = "$(printf '01:00:5e:00:00:01\t0x0800\t224.0.0.1\n01:00:5e:01:02:03\t0x0800\t239.1.2.3')"
+check "converted RAW keeps the IP packets and stamps" \
+    test "$(tcpdump -tt -nn -r "$raw" 2>/dev/null)" = "$(tcpdump -tt -nn -r "$dir/eth.pcap" 2>/dev/null)"
+check "convert --from --count cuts a slice" \
+    test "$(status "$lyrcap" convert "$eth" "$dir/slice.pcap" --from 50 --count 3; dump "$dir/slice.pcap" | grep -c '^[0-9]')" = "$(printf '0\n3')"
+check "the slice starts where replay --seek does" \
+    test "$(tcpdump -tt -r "$dir/slice.pcap" 2>/dev/null | head -1 | cut -d' ' -f1)" = "$(printf '%s\n' "$after50" | head -1 | cut -d' ' -f1)"
+check "convert needs two files" test "$(status "$lyrcap" convert "$eth")" = 2
+check "convert refuses to overwrite its input" test "$(status "$lyrcap" convert "$eth" "$eth")" = 2
+check "convert to a missing directory fails" test "$(status "$lyrcap" convert "$eth" "$dir/no/such.pcap")" = 1
+
 check "missing plug-in fails" test "$(status "$lyrcap" --plugin "$dir/none.so" info "$eth")" = 1
 check "missing plug-in is named" grep -q "cannot load plug-in $dir/none.so" "$dir/err"
+check "capture --help exits 0" test "$(status "$lyrcap" capture --help)" = 0
+check "capture needs a device" test "$(status "$lyrcap" capture)" = 2
+check "capture refuses a port beyond 16 bits" test "$(status "$lyrcap" capture lo --port 70000)" = 2
+check "capture refuses a host that is no address" test "$(status "$lyrcap" capture lo --host 10.0.0)" = 2
+check "capture of an unknown device fails" test "$(status "$lyrcap" capture nosuch0 --count 1)" = 1
+check "the unknown device is named" grep -q "Error attempting to configure interface(nosuch0)" "$dir/err"
+if [ -z "${LYR_NO_DEVICES:-}" ]; then
+    check "list-devices exits 0" test "$(status "$lyrcap" list-devices)" = 0
+    check "list-devices lists the loopback device" grep -q "^lo  (.*loopback" "$dir/out"
+else
+    echo "skipped: list-devices ($LYR_NO_DEVICES)"
+fi
 
 check "send --help exits 0" test "$(status "$lyrcap" send --help)" = 0
 check "send needs a device" test "$(status "$lyrcap" send "$eth")" = 2

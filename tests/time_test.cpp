@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <climits>
+#include <cstdint>
 #include <limits>
 
 namespace {
@@ -48,41 +48,56 @@ TEST(TimeArithmetic, DifferenceCarriesReducesAndKeepsTheSpan)
     EXPECT_EQ(TimeValToMilliseconds(CalculateTimeDiff(Tv(3, 0), Tv(1, 1000000))), 1000u);
 }
 
+// The target's timeval has signed 32-bit fields; these cases are chosen at that width and hold on
+// wider builds too.
 TEST(TimeArithmetic, FlatCountsTruncateAndSignExtend)
 {
     EXPECT_EQ(TimeValToMilliseconds(Tv(0, 999999)), 999u);
     EXPECT_EQ(TimeValToMilliseconds(Tv(0, 999)), 0u);
     EXPECT_EQ(TimeValToMicroseconds(Tv(1, 5)), 1000005u);
-    // The largest field value still gives an exact count of more than 32 bits.
-    using Seconds = decltype(timeval::tv_sec);
-    const long long maxSec = std::numeric_limits<Seconds>::max();
-    if (maxSec <= INT_MAX) {
-        EXPECT_EQ(TimeValToMilliseconds(Tv(maxSec, 999999)), static_cast<unsigned long long>(maxSec) * 1000 + 999);
-        EXPECT_EQ(TimeValToMicroseconds(Tv(maxSec, 0)), static_cast<unsigned long long>(maxSec) * 1000000);
-    } else {
-        EXPECT_EQ(TimeValToMilliseconds(Tv(INT_MAX, 0)), 2147483647000ULL);
-    }
-    // A negative tv_usec is sign-extended: the count is two's complement of the true value.
+    // The largest 32-bit tv_sec: 1000 times it needs 42 bits, a million times it 51, both exact.
+    EXPECT_EQ(TimeValToMilliseconds(Tv(INT32_MAX, 999999)), 2147483647999ULL);
+    EXPECT_EQ(TimeValToMicroseconds(Tv(INT32_MAX, 999999)), 2147483647999999ULL);
+    // Negative fields are sign-extended, so the counts are two's complement of the true values; a
+    // zero-extended 32-bit field would give 2^32 - 1 and 2^32 - 2^31 here.
     EXPECT_EQ(TimeValToMicroseconds(Tv(0, -1)), std::numeric_limits<unsigned long long>::max());
+    EXPECT_EQ(TimeValToMicroseconds(Tv(0, INT32_MIN)), 0xFFFFFFFF80000000ULL);
+    EXPECT_EQ(TimeValToMilliseconds(Tv(-1, 0)), 0ULL - 1000);
+    // Division truncates toward zero: -1500 microseconds are -1 millisecond.
     EXPECT_EQ(TimeValToMilliseconds(Tv(2, -1500)), 1999u);
+    EXPECT_EQ(TimeValToMilliseconds(Tv(0, -1000)), std::numeric_limits<unsigned long long>::max());
 }
 
 TEST(TimeArithmetic, DifferencesOutsideTheFieldWidthReturnWithoutTrap)
 {
-    // Built with -ftrapv or UBSan, an overflowing field operation would stop the test here.
+    // The ARM build checks for undefined behaviour with trapping instructions: an overflowing
+    // field operation stops the test there, as it does under UBSan on the native build.
     using Micros = decltype(timeval::tv_usec);
     using Seconds = decltype(timeval::tv_sec);
     const auto lowUsec = std::numeric_limits<Micros>::min(), highUsec = std::numeric_limits<Micros>::max();
     const auto lowSec = std::numeric_limits<Seconds>::min(), highSec = std::numeric_limits<Seconds>::max();
-    const timeval extremes[] = {Tv(lowSec, lowUsec), Tv(highSec, highUsec), Tv(0, lowUsec), Tv(lowSec, highUsec)};
+    const timeval extremes[] = {Tv(lowSec, lowUsec), Tv(highSec, highUsec), Tv(0, lowUsec), Tv(lowSec, highUsec),
+                                Tv(INT32_MAX, INT32_MIN), Tv(INT32_MIN, INT32_MAX)};
     for (const timeval& a : extremes)
         for (const timeval& b : extremes) {
-            // Wrapped or not, equal stamps differ by nothing.
             timeval d = CalculateTimeDiff(a, b);
             (void)TimeValToMilliseconds(d);
             (void)TimeValToMicroseconds(d);
+            // Wrapped or not, equal stamps differ by nothing.
             if (&a == &b) {
                 EXPECT_TRUE(d.tv_sec == 0 && d.tv_usec == 0);
             }
         }
+    // The widest 32-bit spans that fit are exact.
+    timeval d = CalculateTimeDiff(Tv(INT32_MAX, 0), Tv(0, 999999));
+    EXPECT_EQ(d.tv_sec, INT32_MAX - 1);
+    EXPECT_EQ(d.tv_usec, 1);
+    d = CalculateTimeDiff(Tv(0, 0), Tv(INT32_MIN + 1, 0));
+    EXPECT_EQ(d.tv_sec, INT32_MAX);
+    EXPECT_EQ(d.tv_usec, 0);
+    // One second more does not fit 32 bits: the result is open there, exact where fields are wider.
+    d = CalculateTimeDiff(Tv(INT32_MAX, 0), Tv(-1, 0));
+    if (sizeof(Seconds) > 4) {
+        EXPECT_EQ(static_cast<long long>(d.tv_sec), 2147483648LL);
+    }
 }

@@ -1,9 +1,11 @@
 #include "NetworkSandbox.h"
 
+#include <pcap/pcap.h>
 #include <sched.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -29,8 +31,26 @@ NetworkSandbox::NetworkSandbox()
         return;
     }
     RunInSandbox("ip link set lo up");
-    if (!CreatePair())
+    if (!CreatePair()) {
         reason = "cannot make a veth pair (is the veth module available? is 'ip' installed?)";
+        return;
+    }
+    // The namespace can exist and still not capture: under qemu-user the emulator passes
+    // unshare and the host's `ip` through, but not the ioctls and packet-ring options that
+    // libpcap needs to activate a handle.
+    char error[PCAP_ERRBUF_SIZE] = "";
+    if (pcap_t* probe = pcap_create(First(), error)) {
+        if (pcap_activate(probe) < 0)
+            std::snprintf(error, sizeof error, "%s", pcap_geterr(probe));
+        pcap_close(probe);
+    }
+    if (error[0] != '\0') {
+#ifdef LYR_TEST_EMULATOR
+        reason = std::string("live capture does not work under the emulator (" LYR_TEST_EMULATOR "): ") + error;
+#else
+        reason = std::string("libpcap cannot capture on the veth pair: ") + error;
+#endif
+    }
 }
 
 bool NetworkSandbox::DeletePair()

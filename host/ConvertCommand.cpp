@@ -1,0 +1,80 @@
+#include "CommandLine.h"
+#include "Commands.h"
+#include "FrameReader.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <iostream>
+
+namespace {
+
+const char* const Help = R"(Usage: lyrcap convert IN OUT [--from MS] [--count N]
+
+Records every frame that the back-end reads from IN into a new capture file OUT, through
+the back-end's own recording: an Ethernet capture (link type 1, snap length 9022) in the
+classic microsecond format. A capture of bare IP packets ("RAW") comes out as Ethernet
+frames, with group addresses for multicast destinations and EtherType IPv4; a capture of
+frames comes out with the same packets, bytes and time stamps to the microsecond.
+Nanosecond and pcapng captures are read too. Packets that are not complete frames are
+refused with a message and left out. OUT is replaced if it exists.
+
+Options:
+  --from MS   seek MS milliseconds after the first packet before recording. The seek
+              consumes the packet that reaches the time, so the output begins with the
+              packet behind it (with MS 0, at the first packet). MS must be below IN's
+              duration.
+  --count N   record at most N frames
+)";
+
+bool SameFile(const std::string& a, const std::string& b)
+{
+    struct stat first{}, second{};
+    return stat(a.c_str(), &first) == 0 && stat(b.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
+}
+
+} // namespace
+
+int RunConvert(const std::vector<std::string>& args)
+{
+    CommandLine line(args, {"--from", "--count"}, {});
+    FrameRange range;
+    if (!line.Ok() || !range.Parse(line, "--from"))
+        return UsageError("convert", line.Error());
+    if (line.Has("--help")) {
+        std::cout << Help;
+        return ExitOk;
+    }
+    if (line.Positional().size() != 2)
+        return UsageError("convert", "takes an input and an output file");
+    const std::string& in = line.Positional()[0];
+    const std::string& out = line.Positional()[1];
+    // Recording truncates OUT before the first frame is read from IN.
+    if (SameFile(in, out))
+        return UsageError("convert", "the output would overwrite the input");
+
+    FrameReader reader;
+    if (!reader.OpenRange(in, range, "convert"))
+        return ExitFailure;
+    std::unique_ptr<Lyr::NetFile> recording = CreateNetFile();
+    if (!recording || !recording->ConfigureFile(out, Lyr::NetFile::NetFileMode_Write, 0)) {
+        std::cerr << "lyrcap convert: cannot create " << out << "\n";
+        return ExitFailure;
+    }
+    unsigned long long frames = 0, bytes = 0;
+    while (frames < range.count && !Interrupted()) {
+        const Lyr::EthFrame* frame = reader.Next();
+        if (!frame)
+            break;
+        recording->Write(*frame);
+        ++frames;
+        bytes += frame->GetData().size;
+    }
+    const unsigned long long duration = recording->GetDuration();
+    recording.reset(); // the file is complete once closed
+    std::fprintf(stderr, "%llu frames, %llu bytes, %llu ms, %llu refused%s\n", frames, bytes, duration,
+                 static_cast<unsigned long long>(reader.Refused()),
+                 Interrupted() ? " (stopped by Ctrl-C: the output holds the frames so far)" : "");
+    return Interrupted() ? ExitInterrupted : ExitOk;
+}
