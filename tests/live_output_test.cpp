@@ -406,3 +406,36 @@ TEST_F(LiveOutput, ACaptureFileSentWithTheHostToolArrivesWholeInOrderWithItsGaps
     const long long span = static_cast<long long>(arrivals.back().microseconds - arrivals.front().microseconds);
     EXPECT_LT(std::llabs(span - static_cast<long long>(times.back() - times.front())), 3000);
 }
+
+TEST_F(LiveOutput, ARawCaptureGoesOutAsEthernetFramesToTheGroupAddress)
+{
+    TempDir dir;
+    const std::string path = dir.File("raw.pcap");
+    const std::vector<std::uint8_t> packet =
+        fixture::Ipv4Packet(fixture::Ipv4Address(10, 0, 0, 1), fixture::Ipv4Address(239, 1, 2, 3), fixture::kIpProtocolUdp,
+                            fixture::UdpDatagram(40000, 5000, fixture::Payload(100, 9)));
+    {
+        fixture::FileOptions options;
+        options.linkType = fixture::kLinkTypeRaw;
+        fixture::CaptureFileWriter writer(path, options);
+        for (int i = 0; i < 3; ++i)
+            writer.Add(1714564800, i * 1000, packet);
+        writer.Close();
+    }
+    WireReceiver receiver(Second(), "ip");
+    ASSERT_TRUE(receiver.Ok()) << receiver.Error();
+    const std::string command =
+        std::string(LYRCAP_PATH) + " --plugin " + LYR_PLUGIN_PATH + " send " + path + " " + First() + " >/dev/null 2>&1";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+
+    const auto arrivals = receiver.Take(3);
+    ASSERT_EQ(arrivals.size(), 3u);
+    const std::vector<std::uint8_t> groupAddress = {0x01, 0x00, 0x5e, 0x01, 0x02, 0x03};
+    for (const auto& arrival : arrivals) {
+        ASSERT_EQ(arrival.bytes.size(), 14 + packet.size());
+        EXPECT_TRUE(std::equal(groupAddress.begin(), groupAddress.end(), arrival.bytes.begin()));
+        EXPECT_EQ(arrival.bytes[12], 0x08);
+        EXPECT_EQ(arrival.bytes[13], 0x00);
+        EXPECT_TRUE(std::equal(packet.begin(), packet.end(), arrival.bytes.begin() + 14));
+    }
+}
