@@ -5,7 +5,6 @@
 #include <kt/MyPrintf.h>
 
 #include <pthread.h>
-#include <sched.h>
 #include <sys/prctl.h>
 #include <time.h>
 
@@ -45,16 +44,13 @@ unsigned long long WallClockMicroseconds()
 
 // The thread sleeps until this long before an event is due and spins the rest. The stretch
 // follows how late the sleeps actually wake (the kernel's wake-up latency differs from machine
-// to machine): it jumps to one and a half times a recent oversleep and shrinks slowly when wakes
-// are punctual. A rare long oversleep is lateness; spinning through it would cost more.
+// to machine, and on a virtual machine a sleeping thread often wakes hundreds of microseconds
+// late): it jumps to one and a half times a recent oversleep and shrinks slowly when wakes are
+// punctual. With events less than the stretch apart the thread spins through the gaps, as a
+// sender that keeps time must; with nothing due it sleeps and costs nothing.
 constexpr Nanoseconds MinimumSpin = 20000;
 constexpr Nanoseconds InitialSpin = 60000;
 constexpr Nanoseconds MaximumSpin = 1000000;
-// Spinning may take at most this share of each period. Closely spaced events would otherwise
-// keep the thread spinning without a break, and a realtime thread that never sleeps is stopped
-// by the kernel for the rest of its period: far worse than waking a little late.
-constexpr Nanoseconds SpinPeriod = 100000000;
-constexpr Nanoseconds SpinBudget = 80000000;
 // How long the thread keeps looking for a new event once the queue is empty.
 constexpr Nanoseconds EmptyQueueSpin = 50000;
 
@@ -128,13 +124,9 @@ struct PreciseScheduler::State {
         // Timers of this thread fire within a microsecond of their time instead of the 50 µs
         // of slack that the kernel grants ordinary threads.
         prctl(PR_SET_TIMERSLACK, 1000UL, 0UL, 0UL, 0UL);
-        // Where the process may, the thread takes the lowest realtime priority: it then wakes
-        // at once instead of queueing behind busy threads, and its last-stretch spin is not cut
-        // off by them. It sleeps whenever nothing is due, so it takes nothing from them then.
-        // Without the privilege it stays an ordinary thread.
-        sched_param realtime{};
-        realtime.sched_priority = 1;
-        pthread_setschedparam(pthread_self(), SCHED_FIFO, &realtime);
+        // The thread keeps the ordinary priority. A realtime one would wake no sooner on a
+        // virtual machine, and the kernel stops a realtime thread that spins for most of a
+        // second, which closely spaced frames make it do.
         std::unique_lock<std::mutex> lock(mutex);
         while (!bStopping) {
             if (queue.empty()) {
@@ -144,7 +136,7 @@ struct PreciseScheduler::State {
             }
             const Nanoseconds deadline = queue.front().deadline;
             const Nanoseconds now = Monotonic();
-            const Nanoseconds sleepUntil = deadline - (MaySpin(now) ? spinNs : 0);
+            const Nanoseconds sleepUntil = deadline - spinNs;
             if (now < sleepUntil) {
                 // A new event earlier than this one, or the end, wakes the thread early.
                 if (wake.wait_until(lock, MonotonicPoint(sleepUntil)) == std::cv_status::timeout)
@@ -153,10 +145,8 @@ struct PreciseScheduler::State {
             }
             if (now < deadline) {
                 lock.unlock();
-                Nanoseconds spun = now;
-                while ((spun = Monotonic()) < deadline)
+                while (Monotonic() < deadline)
                     Pause();
-                spinSpent += spun - now;
                 lock.lock();
             }
             // The front may be an event that came meanwhile with an earlier time: it is due too.
@@ -189,14 +179,6 @@ struct PreciseScheduler::State {
         spinNs = std::clamp(std::max(spinNs - spinNs / 64, overslept + overslept / 2), MinimumSpin, MaximumSpin);
     }
 
-    bool MaySpin(Nanoseconds now)
-    {
-        if (now - spinPeriodStart >= SpinPeriod) {
-            spinPeriodStart = now;
-            spinSpent = 0;
-        }
-        return spinSpent < SpinBudget;
-    }
 
     void RunEvent(Entry& entry)
     {
@@ -222,9 +204,7 @@ struct PreciseScheduler::State {
     Nanoseconds referenceNs = 0;
     std::atomic<Nanoseconds> presentOffsetNs{0}; // the same reference as one sum, for lock-free reads
     bool bStopping = false;
-    Nanoseconds spinNs = InitialSpin; // these three are the thread's own
-    Nanoseconds spinPeriodStart = 0;
-    Nanoseconds spinSpent = 0;
+    Nanoseconds spinNs = InitialSpin; // the thread's own
     LatenessHistogram lateness;
     std::thread thread;
 };
