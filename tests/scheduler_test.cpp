@@ -115,22 +115,21 @@ TEST(PreciseScheduler, DeadlinesAreAbsoluteSoALateEventDoesNotShiftTheRest)
 {
     const unsigned long long present = StartReplayClock();
     Runs runs;
-    // One event every 2 ms; the tenth holds the thread for 40 ms. The events behind it run
-    // late, in a burst, and then the schedule is back on its own times: nothing shifted.
-    const int count = 100;
+    // One event every 2 ms; the tenth holds the thread for 150 ms. The events behind it run
+    // late, in a burst, and then the schedule is back on its own times: nothing shifted. The
+    // limits leave a loaded machine (or a sanitizer) room, far below the 148 ms of a shift.
+    const int count = 200;
     const unsigned long long first = present + 20000, gap = 2000;
     for (int i = 0; i < count; ++i)
-        runs.Schedule(i, first + i * gap, i == 10 ? [] { std::this_thread::sleep_for(std::chrono::milliseconds(40)); } : std::function<void()>());
+        runs.Schedule(i, first + i * gap, i == 10 ? [] { std::this_thread::sleep_for(std::chrono::milliseconds(150)); } : std::function<void()>());
     ASSERT_TRUE(runs.WaitFor(count));
 
     const std::vector<EventRun> all = runs.All();
     ASSERT_EQ(all.size(), std::size_t(count));
-    EXPECT_GE(all[11].lateness, 30000u); // 40 ms of holding, less the 2 ms gap, is lateness
+    EXPECT_GE(all[11].lateness, 140000u); // 150 ms of holding, less the 2 ms gap, is lateness
     EXPECT_GE(all[11].lateness + 1000, all[11].ranAt - all[11].timestamp);
-    for (int i = 50; i < count; ++i)
-        EXPECT_LT(all[i].ranAt - all[i].timestamp, 15000u) << "event " << i << " was shifted";
-    // The last event runs at its own time, not 40 ms and a sum of small errors later.
-    EXPECT_LT(all.back().lateness, 10000u);
+    for (int i = 150; i < count; ++i)
+        EXPECT_LT(all[i].ranAt - all[i].timestamp, 50000u) << "event " << i << " was shifted";
 }
 
 TEST(PreciseScheduler, HandsEachEventItsLatenessAndKeepsStatistics)
@@ -192,7 +191,8 @@ TEST(PreciseScheduler, AnEventThatThrowsIsReportedAndTheNextStillRuns)
     Runs runs;
     runs.Schedule(0, present, [] { throw std::runtime_error("no route"); });
     runs.Schedule(1, present + 1000);
-    ASSERT_TRUE(Eventually([&] { return runs.All().size() == 2; })); // the first never finished
+    ASSERT_TRUE(runs.WaitFor(1)); // only the second finishes
+    EXPECT_EQ(runs.All().size(), 2u);
     EXPECT_TRUE(Eventually([&] { return log.Lines().size() == 1; }));
     EXPECT_EQ(log.Lines(), std::vector<std::string>{"Scheduled event failed: no route\n"});
 }
