@@ -430,7 +430,7 @@ TEST_F(LiveOutput, ARawCaptureGoesOutAsEthernetFramesToTheGroupAddress)
     WireReceiver receiver(Second(), "ip");
     ASSERT_TRUE(receiver.Ok()) << receiver.Error();
     const std::string command =
-        std::string(LYRCAP_PATH) + " --plugin " + LYR_PLUGIN_PATH + " send " + path + " " + First() + " >/dev/null 2>&1";
+        std::string(LYRCAP_PATH) + " --plugin " + LYR_PLUGIN_PATH + " send " + path + " " + First() + " --timeout 1000000 >/dev/null 2>&1";
     EXPECT_EQ(std::system(command.c_str()), 0);
 
     const auto arrivals = receiver.Take(3);
