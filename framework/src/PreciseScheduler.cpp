@@ -130,8 +130,10 @@ struct PreciseScheduler::State {
         std::unique_lock<std::mutex> lock(mutex);
         while (!bStopping) {
             if (queue.empty()) {
+                // The predicate, not the wake-up alone: the end may have been announced while
+                // AwaitBriefly had the lock let go, and its notification reached nobody.
                 if (!AwaitBriefly(lock))
-                    wake.wait(lock);
+                    wake.wait(lock, [this] { return bStopping || !queue.empty(); });
                 continue;
             }
             const Nanoseconds deadline = queue.front().deadline;
