@@ -83,4 +83,4 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DLYR_SANITIZE=trap -DLYR_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build "$build" -j2
 echo "=== arm tests (qemu-arm)"
-ctest --test-dir "$build" --no-tests=error --output-on-failure -j2 "$@"
+ctest --test-dir "$build" --no-tests=error --output-on-failure --timeout 300 -j2 "$@"

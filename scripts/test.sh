@@ -14,7 +14,7 @@ run_suite() { # flavour, then ctest arguments
     echo "=== $flavour build"
     "$root/scripts/build.sh" "$flavour"
     echo "=== $flavour tests"
-    ctest --test-dir "$root/build/$flavour" --no-tests=error --output-on-failure -j2 "$@"
+    ctest --test-dir "$root/build/$flavour" --no-tests=error --output-on-failure --timeout 300 -j2 "$@"
 }
 
 run_suite release
