@@ -1,5 +1,6 @@
 #include <lyr/PreciseScheduler.h>
 
+#include "EventQueue.h"
 #include "LatenessHistogram.h"
 
 #include <kt/MyPrintf.h>
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <cstdint>
 #include <exception>
@@ -71,27 +73,28 @@ constexpr unsigned long long FarthestUs = 3000000000000000ULL;
 // The present as one signed sum of nanoseconds holds timestamps up to about the year 2250.
 constexpr unsigned long long LargestPresentUs = 9000000000000000ULL;
 
-struct Entry {
-    Nanoseconds deadline;
-    std::uint64_t sequence; // equal deadlines run in the order they came
-    PreciseScheduler::Event event;
-};
+// While events are due one after the other, the thread takes in newly scheduled ones after
+// this many: often enough that a newcomer waits little, seldom enough that a sender handing over
+// frames as fast as they leave does not meet the thread at the intake's lock for every frame.
+constexpr unsigned int DueBurst = 64;
 
-// The queue is a std heap, which keeps its greatest element in front: "greater" is "later".
-bool Later(const Entry& a, const Entry& b)
-{
-    return a.deadline != b.deadline ? a.deadline > b.deadline : a.sequence > b.sequence;
-}
+// sleepingUntil when the thread is not asleep: no new event needs to wake it.
+constexpr Nanoseconds Awake = INT64_MIN;
+constexpr Nanoseconds Forever = INT64_MAX;
 
 } // namespace
 
+// Senders put events into the intake, under a lock of its own that they hold for a push only;
+// the thread moves the intake into its own EventQueue now and then and runs events from there
+// without any lock. So a sender and the thread meet only briefly, once for many events.
 struct PreciseScheduler::State {
     State()
     {
         referenceTimestampUs = WallClockMicroseconds();
         referenceNs = Monotonic();
         presentOffsetNs.store(static_cast<Nanoseconds>(referenceTimestampUs) * 1000 - referenceNs);
-        queue.reserve(1024);
+        intake.reserve(1024);
+        taken.reserve(1024);
         thread = std::thread([this] { Run(); });
         pthread_setname_np(thread.native_handle(), "LYR-Scheduler");
     }
@@ -101,6 +104,7 @@ struct PreciseScheduler::State {
         {
             std::lock_guard<std::mutex> lock(mutex);
             bStopping = true;
+            stopping.store(true, std::memory_order_relaxed);
         }
         wake.notify_all();
         // An event that ends the process runs this on the thread itself, which cannot join itself.
@@ -108,7 +112,7 @@ struct PreciseScheduler::State {
             thread.detach();
         else
             thread.join();
-        // What is still queued is dropped here with the queue.
+        // What is still queued is dropped here with the queues.
     }
 
     // The monotonic moment of a timestamp, through the reference. Called with the lock held.
@@ -127,53 +131,79 @@ struct PreciseScheduler::State {
         // The thread keeps the ordinary priority. A realtime one would wake no sooner on a
         // virtual machine, and the kernel stops a realtime thread that spins for most of a
         // second, which closely spaced frames make it do.
-        std::unique_lock<std::mutex> lock(mutex);
-        while (!bStopping) {
-            if (queue.empty()) {
-                // The predicate, not the wake-up alone: the end may have been announced while
-                // AwaitBriefly had the lock let go, and its notification reached nobody.
-                if (!AwaitBriefly(lock))
-                    wake.wait(lock, [this] { return bStopping || !queue.empty(); });
+        while (TakeIntake()) {
+            if (queue.Empty()) {
+                if (!AwaitBriefly() && !SleepUntil(Forever))
+                    return;
                 continue;
             }
-            const Nanoseconds deadline = queue.front().deadline;
-            const Nanoseconds now = Monotonic();
-            const Nanoseconds sleepUntil = deadline - spinNs;
-            if (now < sleepUntil) {
+            const Nanoseconds deadline = queue.Front().deadline;
+            Nanoseconds now = Monotonic();
+            if (now < deadline - spinNs) {
                 // A new event earlier than this one, or the end, wakes the thread early.
-                if (wake.wait_until(lock, MonotonicPoint(sleepUntil)) == std::cv_status::timeout)
-                    AdaptSpin(Monotonic() - sleepUntil);
+                if (!SleepUntil(deadline - spinNs))
+                    return;
                 continue;
             }
             if (now < deadline) {
-                lock.unlock();
                 while (Monotonic() < deadline)
                     Pause();
-                lock.lock();
+                continue; // an event that came meanwhile may be earlier, and due as well
             }
-            // The front may be an event that came meanwhile with an earlier time: it is due too.
-            std::pop_heap(queue.begin(), queue.end(), Later);
-            Entry entry = std::move(queue.back());
-            queue.pop_back();
-            queued.store(queue.size(), std::memory_order_relaxed);
-            lock.unlock();
-            RunEvent(entry);
-            entry.event = nullptr; // the event's captures end here, outside the lock
-            lock.lock();
+            for (unsigned int run = 0; run < DueBurst && !queue.Empty() && queue.Front().deadline <= now; ++run) {
+                if (stopping.load(std::memory_order_relaxed))
+                    return;
+                now = RunEvent(queue.Pop(), now);
+            }
         }
+    }
+
+    // Moves what senders have scheduled into the thread's queue; false once the end is announced.
+    bool TakeIntake()
+    {
+        if (stopping.load(std::memory_order_relaxed))
+            return false;
+        if (intakeSize.load(std::memory_order_relaxed) == 0)
+            return true; // one that comes this instant is seen under the lock before any sleep
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            taken.swap(intake);
+            intakeSize.store(0, std::memory_order_relaxed);
+        }
+        for (EventQueue::Entry& entry : taken)
+            queue.Add(std::move(entry));
+        taken.clear();
+        return true;
+    }
+
+    // Sleeps until `until` (Forever: until an event comes), unless something is in the intake.
+    // A sender wakes the thread when its event is due before `until`. False once the end is
+    // announced.
+    bool SleepUntil(Nanoseconds until)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (bStopping)
+            return false;
+        if (!intake.empty())
+            return true;
+        sleepingUntil = until;
+        if (until == Forever)
+            wake.wait(lock, [this] { return bStopping || !intake.empty(); });
+        else if (wake.wait_until(lock, MonotonicPoint(until)) == std::cv_status::timeout)
+            AdaptSpin(Monotonic() - until);
+        sleepingUntil = Awake;
+        return !bStopping;
     }
 
     // A sender that hands over frames as fast as they leave empties the queue again and again;
     // waking a sleeping thread costs more than a frame takes, so the thread looks for a new
     // event a little while before it sleeps. True when one came.
-    bool AwaitBriefly(std::unique_lock<std::mutex>& lock)
+    bool AwaitBriefly()
     {
-        lock.unlock();
         const Nanoseconds until = Monotonic() + EmptyQueueSpin;
-        while (queued.load(std::memory_order_relaxed) == 0 && Monotonic() < until)
+        while (intakeSize.load(std::memory_order_relaxed) == 0 && Monotonic() < until)
             Pause();
-        lock.lock();
-        return !queue.empty();
+        return intakeSize.load(std::memory_order_relaxed) != 0;
     }
 
     void AdaptSpin(Nanoseconds overslept)
@@ -181,12 +211,13 @@ struct PreciseScheduler::State {
         spinNs = std::clamp(std::max(spinNs - spinNs / 64, overslept + overslept / 2), MinimumSpin, MaximumSpin);
     }
 
-
-    void RunEvent(Entry& entry)
+    // Runs one event that was due at `now` or before; returns the time after it.
+    Nanoseconds RunEvent(EventQueue::Entry entry, Nanoseconds now)
     {
-        const Nanoseconds late = Monotonic() - entry.deadline;
+        const Nanoseconds late = now - entry.deadline;
         unsigned long long latenessUs = late > 0 ? static_cast<unsigned long long>(late / 1000) : 0;
         lateness.Record(latenessUs);
+        startedCount.store(startedCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         // An exception must not end the thread: every later event would be lost with it.
         try {
             entry.event(latenessUs);
@@ -195,19 +226,30 @@ struct PreciseScheduler::State {
         } catch (...) {
             Kt::MyPrintf("Scheduled event failed: %s\n", "unknown exception");
         }
+        entry.event = nullptr; // the event's captures end here, before the time is taken
+        return Monotonic();
     }
 
+    // Shared with senders, under `mutex`.
     mutable std::mutex mutex;
     std::condition_variable wake;
-    std::vector<Entry> queue;
-    std::atomic<std::size_t> queued{0}; // the queue's size, for looking without the lock
+    std::vector<EventQueue::Entry> intake;
     std::uint64_t nextSequence = 0;
     unsigned long long referenceTimestampUs = 0; // stands for the monotonic moment referenceNs
     Nanoseconds referenceNs = 0;
-    std::atomic<Nanoseconds> presentOffsetNs{0}; // the same reference as one sum, for lock-free reads
     bool bStopping = false;
-    Nanoseconds spinNs = InitialSpin; // the thread's own
+    Nanoseconds sleepingUntil = Awake;
+    // Looked at without the lock.
+    std::atomic<std::size_t> intakeSize{0};
+    std::atomic<bool> stopping{false};
+    std::atomic<Nanoseconds> presentOffsetNs{0}; // the reference as one sum, for lock-free reads
+    std::atomic<std::uint64_t> scheduledCount{0}; // written under the lock
+    std::atomic<std::uint64_t> startedCount{0}; // written by the thread
     LatenessHistogram lateness;
+    // The thread's own.
+    EventQueue queue;
+    std::vector<EventQueue::Entry> taken;
+    Nanoseconds spinNs = InitialSpin;
     std::thread thread;
 };
 
@@ -226,19 +268,19 @@ PreciseScheduler& PreciseScheduler::GetInstance()
 
 void PreciseScheduler::ScheduleEvent(Event&& event, unsigned long long timestampUs)
 {
-    bool bFront = false;
+    bool bWake = false;
     {
         std::lock_guard<std::mutex> lock(state->mutex);
-        const std::uint64_t sequence = state->nextSequence;
-        // If the queue cannot grow, the event ends here and nothing is queued.
-        state->queue.push_back(Entry{state->DeadlineOf(timestampUs), sequence, std::move(event)});
+        const Nanoseconds deadline = state->DeadlineOf(timestampUs);
+        // If the intake cannot grow, the event ends here and nothing is queued.
+        state->intake.push_back(EventQueue::Entry{deadline, state->nextSequence, std::move(event)});
         ++state->nextSequence;
-        std::push_heap(state->queue.begin(), state->queue.end(), Later);
-        state->queued.store(state->queue.size(), std::memory_order_relaxed);
-        bFront = state->queue.front().sequence == sequence;
+        state->intakeSize.store(state->intake.size(), std::memory_order_relaxed);
+        state->scheduledCount.store(state->nextSequence, std::memory_order_relaxed);
+        // Only a sleeping thread that would wake too late for this event needs the call.
+        bWake = deadline < state->sleepingUntil;
     }
-    // Only a new front changes how long the thread waits.
-    if (bFront)
+    if (bWake)
         state->wake.notify_one();
 }
 
@@ -264,8 +306,9 @@ unsigned long long PreciseScheduler::GetPresentTimestamp() const
 
 unsigned int PreciseScheduler::GetQueuedCount() const
 {
-    std::lock_guard<std::mutex> lock(state->mutex);
-    return static_cast<unsigned int>(state->queue.size());
+    // Started first: the scheduled count only grows, so it is never below it.
+    const std::uint64_t started = state->startedCount.load(std::memory_order_relaxed);
+    return static_cast<unsigned int>(state->scheduledCount.load(std::memory_order_relaxed) - started);
 }
 
 PreciseScheduler::LatenessStatistics PreciseScheduler::GetLatenessStatistics() const
