@@ -15,7 +15,10 @@ constexpr std::uint32_t NoBuffer = 0xFFFFFFFFu;
 
 // The buffers' memory and their count blocks, shared by the pool and every buffer that is out.
 // Free buffers form a lock-free stack of indices; the head carries a tag that changes on every
-// push, so that a pop cannot be fooled by an index that left and came back (ABA).
+// push, so that a pop cannot be fooled by an index that left and came back (ABA). A stack hands
+// out the buffer that came back last, whose bytes are still in the cache: a capture that returns
+// each buffer before it takes the next works on one buffer, not on all of them in turn. The
+// count of users (the pool and each buffer out) tells the free count and when the memory may go.
 struct BufferPool::Storage {
     struct Block {
         Kt::CPtrRef ref; // first: a block and its count share an address
@@ -24,7 +27,7 @@ struct BufferPool::Storage {
     };
 
     Storage(unsigned int count, unsigned int size)
-        : bufferSize(size), memory(static_cast<std::size_t>(count) * size), blocks(count), next(count)
+        : bufferCount(count), bufferSize(size), memory(static_cast<std::size_t>(count) * size), blocks(count), next(count)
     {
         for (std::uint32_t i = 0; i < count; ++i) {
             blocks[i].ref.destroy = &Release;
@@ -33,7 +36,6 @@ struct BufferPool::Storage {
             next[i].store(i + 1 < count ? i + 1 : NoBuffer, std::memory_order_relaxed);
         }
         head.store(count ? 0 : NoBuffer);
-        freeCount.store(count);
     }
 
     static void Release(Kt::CPtrRef* ref)
@@ -54,7 +56,6 @@ struct BufferPool::Storage {
             next[index].store(static_cast<std::uint32_t>(old), std::memory_order_relaxed);
             desired = ((old >> 32) + 1) << 32 | index;
         } while (!head.compare_exchange_weak(old, desired));
-        freeCount.fetch_add(1);
     }
 
     std::uint32_t Pop()
@@ -65,10 +66,8 @@ struct BufferPool::Storage {
             if (index == NoBuffer)
                 return NoBuffer;
             std::uint64_t desired = (old & 0xFFFFFFFF00000000ULL) | next[index].load(std::memory_order_relaxed);
-            if (head.compare_exchange_weak(old, desired)) {
-                freeCount.fetch_sub(1);
+            if (head.compare_exchange_weak(old, desired))
                 return index;
-            }
         }
     }
 
@@ -80,12 +79,12 @@ struct BufferPool::Storage {
             delete this;
     }
 
+    const unsigned int bufferCount;
     const unsigned int bufferSize;
     std::vector<unsigned char> memory;
     std::vector<Block> blocks;
     std::vector<std::atomic<std::uint32_t>> next;
     std::atomic<std::uint64_t> head{NoBuffer};
-    std::atomic<unsigned int> freeCount{0};
     std::atomic<unsigned long long> overflowCount{0};
     std::atomic<unsigned int> users{1};
 };
@@ -124,7 +123,9 @@ unsigned int BufferPool::GetBufferSize() const
 
 unsigned int BufferPool::GetFreeCount() const
 {
-    return storage->freeCount.load();
+    // A buffer between its pop and its count shows as free for that moment.
+    const unsigned int users = storage->users.load();
+    return users > storage->bufferCount ? 0 : storage->bufferCount + 1 - users;
 }
 
 unsigned long long BufferPool::GetOverflowCount() const
