@@ -1,7 +1,11 @@
 // The live input's packet path against a bare copy: pcap_loop over an in-memory capture file,
 // once calling PcapNetInputIf::PcapLoopHandler (pool buffer, frame, counters, one subscriber
 // that keeps nothing) and once a handler that only copies each packet into one fixed buffer.
-// Prints ns per packet, the ratio of the rates, and the heap allocations made during the loops.
+// A third loop does what the input's contract prescribes for every packet and nothing more: the
+// frame on a slice, the slice copied and narrowed and set back, the copy, the stamp and the two
+// counter additions, on one fixed buffer without pool or subscriber. It shows how near to the
+// bare copy the prescribed reference counting lets any implementation come.
+// Prints ns per packet, the ratios of the rates, and the heap allocations made during the loops.
 //
 //   packet_path_bench [--packets N] [--rounds R]
 
@@ -67,6 +71,28 @@ void BareHandler(unsigned char*, const pcap_pkthdr* header, const unsigned char*
     bareBytes += header->caplen;
 }
 
+// The prescribed steps, on one buffer whose count block never ends. It is handed over as the
+// pool hands out a buffer, with its first reference counted.
+Kt::CPtrRef floorOwner{0, [](Kt::CPtrRef*) {}};
+unsigned char floorBuffer[MaxFrameSize];
+std::atomic<unsigned long long> floorFrames{0}, floorBytes{0};
+
+void FloorHandler(unsigned char*, const pcap_pkthdr* header, const unsigned char* packet)
+{
+    const unsigned int caplen = header->caplen;
+    if (!packet || !IsCompleteFrame(caplen, header->len))
+        return;
+    floorOwner.refCount = 1;
+    Lyr::EthFrame frame(Kt::CSlice<unsigned char>::Adopt(&floorOwner, floorBuffer, MaxFrameSize), 0);
+    Kt::CSlice<unsigned char> bytes = frame.GetData();
+    bytes = bytes.Prefix(caplen);
+    std::memcpy(bytes.data, packet, caplen);
+    frame.SetData(bytes);
+    frame.SetTimestamp(TimeValToMicroseconds(header->ts));
+    floorFrames += 1;
+    floorBytes += caplen;
+}
+
 struct Loop {
     double nsPerPacket;
     unsigned long long allocations;
@@ -125,26 +151,31 @@ int main(int argc, char** argv)
     unsigned long long delivered = 0;
     input.Subscribe(Kt::MakeFunctor<void(const Lyr::EthFrame&)>([&delivered](const Lyr::EthFrame&) { ++delivered; }));
 
-    std::printf("%-7s %12s %12s %8s %14s %14s\n", "frame", "bare ns/pkt", "input ns/pkt", "ratio", "allocs bare",
-                "allocs input");
+    std::printf("%-7s %12s %12s %12s %8s %12s %12s %13s\n", "frame", "bare ns/pkt", "floor ns/pkt", "input ns/pkt",
+                "ratio", "floor ratio", "allocs bare", "allocs input");
     for (size_t frameSize : {64u, 1500u}) {
         std::vector<uint8_t> file = MakeCapture(packets, frameSize);
         // Rounds alternate between the two so that both meet the same machine state; the best
         // round of each counts.
-        Loop bare{1e300, 0}, ours{1e300, 0};
+        Loop bare{1e300, 0}, floor{1e300, 0}, ours{1e300, 0};
         for (int round = 0; round < rounds; ++round) {
             const Loop b = RunLoop(file, packets, &BareHandler, nullptr);
+            const Loop f = RunLoop(file, packets, &FloorHandler, nullptr);
             const Loop o = RunLoop(file, packets, &PcapNetInputIf::PcapLoopHandler,
                                    reinterpret_cast<unsigned char*>(&input));
             if (b.nsPerPacket < bare.nsPerPacket)
                 bare = b;
+            if (f.nsPerPacket < floor.nsPerPacket)
+                floor = f;
             if (o.nsPerPacket < ours.nsPerPacket)
                 ours = o;
         }
-        std::printf("%-7zu %12.1f %12.1f %8.2f %14llu %14llu\n", frameSize, bare.nsPerPacket, ours.nsPerPacket,
-                    bare.nsPerPacket / ours.nsPerPacket, bare.allocations, ours.allocations);
+        std::printf("%-7zu %12.1f %12.1f %12.1f %8.2f %12.2f %12llu %13llu\n", frameSize, bare.nsPerPacket,
+                    floor.nsPerPacket, ours.nsPerPacket, bare.nsPerPacket / ours.nsPerPacket,
+                    bare.nsPerPacket / floor.nsPerPacket, bare.allocations, ours.allocations);
     }
-    std::printf("(ratio: the input's packet rate over the bare rate; %u packets a loop, %llu delivered)\n", packets,
-                delivered);
-    return bareBytes == 0;
+    std::printf("(ratio: the input's packet rate over the bare rate; floor ratio: the prescribed steps alone over "
+                "the bare rate; %u packets a loop, %llu delivered)\n",
+                packets, delivered);
+    return bareBytes == 0 || floorBytes.load() == 0;
 }
