@@ -5,8 +5,9 @@
 # counts as zero-drop when the file holds every frame sent and the kernel reports no drop.
 # A third contender, bare_live_capture, only counts in a bare pcap_loop opened with the live
 # input's fixed settings: it tells what those settings allow, whatever the packet path costs.
-# lyrcap-rt is `lyrcap capture -w` started under `chrt -f 10`: the back-end's capture thread
-# takes the priority of the thread that starts it, so it is not held up by other processes.
+# lyrcap is `lyrcap capture -w` as it starts by default, its capture thread at realtime
+# priority 10; lyrcap-ord is the same with `--priority 0`, and tcpdump-rt is tcpdump under
+# `chrt -f 10`, so that each priority is compared with its like.
 # Prints, per frame size, the highest zero-drop rate of each, and the packet-path benchmark.
 #
 #   scripts/bench-live-input.sh                 (build/release must exist: scripts/build.sh)
@@ -37,8 +38,10 @@ run() {
     rm -f "$out"
     if [ "$tool" = lyrcap ]; then
         "$build/host/lyrcap" capture lyrveth0 -w "$out" 2>"$dir/err" & pid=$!
-    elif [ "$tool" = lyrcap-rt ]; then
-        chrt -f 10 "$build/host/lyrcap" capture lyrveth0 -w "$out" 2>"$dir/err" & pid=$!
+    elif [ "$tool" = lyrcap-ord ]; then
+        "$build/host/lyrcap" capture lyrveth0 -w "$out" --priority 0 2>"$dir/err" & pid=$!
+    elif [ "$tool" = tcpdump-rt ]; then
+        chrt -f 10 tcpdump -i lyrveth0 -w "$out" 2>"$dir/err" & pid=$!
     elif [ "$tool" = bare ]; then
         "$build/benchmarks/bare_live_capture" lyrveth0 2>"$dir/err" & pid=$!
     else
@@ -53,7 +56,7 @@ run() {
     sent=$(sed -n 's/^Actual: \([0-9]*\) packets.*/\1/p' "$dir/replay")
     achieved=$(sed -n 's/^Rated: .* \([0-9.]*\) pps.*/\1/p' "$dir/replay")
     recorded=$(capinfos -c -M "$out" 2>/dev/null | awk '/Number of packets/ {print $NF}')
-    if [ "$tool" = lyrcap ] || [ "$tool" = lyrcap-rt ]; then
+    if [ "$tool" = lyrcap ] || [ "$tool" = lyrcap-ord ]; then
         drops=$(sed -n 's/.* captured in .*, \([0-9]*\) dropped.*/\1/p' "$dir/err")
     elif [ "$tool" = bare ]; then
         recorded=$(sed -n 's/^\([0-9]*\) packets captured, .*/\1/p' "$dir/err")
@@ -64,18 +67,19 @@ run() {
     echo "${sent:-0} ${recorded:-0} ${drops:-?} ${achieved:-0}"
 }
 
-printf "%-6s %-9s %10s %10s %10s %8s %12s\n" frame tool "rate/s" sent recorded drops "achieved/s"
+printf "%-6s %-10s %10s %10s %10s %8s %12s\n" frame tool "rate/s" sent recorded drops "achieved/s"
 for size in 64 1500; do
     "$build/fixtures/make-fixture" bench "$dir/traffic$size.pcap" --packets 1000 --size $size >/dev/null || exit 1
     rates=$rates_64
     [ $size = 1500 ] && rates=$rates_1500
-    declare -A best=([tcpdump]=0 [bare]=0 [lyrcap]=0 [lyrcap-rt]=0)
-    declare -A failed=([tcpdump]=0 [bare]=0 [lyrcap]=0 [lyrcap-rt]=0)
+    tools="tcpdump tcpdump-rt bare lyrcap lyrcap-ord"
+    declare -A best=() failed=()
+    for tool in $tools; do best[$tool]=0; failed[$tool]=0; done
     for rate in $rates; do
-        for tool in tcpdump bare lyrcap lyrcap-rt; do
+        for tool in $tools; do
             [ "${failed[$tool]}" = 1 ] && continue # rates rise: once lost, no higher rate is tried
             read -r sent recorded drops achieved < <(run $tool "$dir/traffic$size.pcap" "$rate")
-            printf "%-6s %-9s %10s %10s %10s %8s %12s\n" $size $tool $rate $sent $recorded $drops $achieved
+            printf "%-6s %-10s %10s %10s %10s %8s %12s\n" $size $tool $rate $sent $recorded $drops $achieved
             if [ "$sent" -gt 0 ] && [ "$recorded" = "$sent" ] && [ "$drops" = 0 ]; then
                 best[$tool]=$achieved
             else
@@ -84,6 +88,6 @@ for size in 64 1500; do
         done
     done
     echo "$size-byte frames, highest zero-drop rate: tcpdump -w ${best[tcpdump]}/s," \
-        "bare pcap_loop with the input's settings ${best[bare]}/s, lyrcap capture -w ${best[lyrcap]}/s," \
-        "the same under chrt -f 10 ${best[lyrcap-rt]}/s"
+        "under chrt -f 10 ${best[tcpdump-rt]}/s; bare pcap_loop with the input's settings ${best[bare]}/s;" \
+        "lyrcap capture -w ${best[lyrcap]}/s, with --priority 0 ${best[lyrcap-ord]}/s"
 done
