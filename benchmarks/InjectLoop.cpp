@@ -1,14 +1,42 @@
-// The baseline of transmit throughput: the frames of a capture file put on a device by a bare
+// The baselines of transmit throughput: the frames of a capture file put on a device by a bare
 // pcap_inject loop, with the handle opened as the output back-end opens its port.
+//
+// With --scheduled the loop is split as the output back-end must split it: this thread reads and
+// copies each frame into one of 1024 slots and hands the scheduler a bare event (it allocates
+// nothing) that injects it on the scheduler's thread, all frames due at once. What this costs
+// against the bare loop is the price of transmitting on the scheduler's thread, before anything
+// of the back-end's own.
+#include <lyr/PreciseScheduler.h>
+
 #include <pcap/pcap.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+struct Slot {
+    pcap_t* port;
+    unsigned int size;
+    unsigned char bytes[9022];
+};
+
+constexpr unsigned int SlotCount = 1024;
+std::atomic<unsigned long long> done{0};
+std::atomic<unsigned long long> failed{0};
+
+} // namespace
 
 int main(int argc, char** argv)
 {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: bench-inject-loop FILE DEVICE\n");
+    const bool bScheduled = argc == 4 && std::string(argv[3]) == "--scheduled";
+    if (argc != 3 && !bScheduled) {
+        std::fprintf(stderr, "usage: bench-inject-loop FILE DEVICE [--scheduled]\n");
         return 2;
     }
     char errbuf[PCAP_ERRBUF_SIZE] = "";
@@ -18,18 +46,38 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "bench-inject-loop: %s\n", errbuf);
         return 1;
     }
-    unsigned long long frames = 0, bytes = 0, failures = 0;
+    Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
+    std::vector<Slot> slots(bScheduled ? SlotCount : 0);
+    unsigned long long frames = 0, bytes = 0;
     pcap_pkthdr* header = nullptr;
     const u_char* data = nullptr;
     const auto start = std::chrono::steady_clock::now();
     while (pcap_next_ex(file, &header, &data) == 1) {
-        if (pcap_inject(port, data, header->caplen) < 1)
-            ++failures;
+        if (!bScheduled) {
+            if (pcap_inject(port, data, header->caplen) < 1)
+                failed.fetch_add(1, std::memory_order_relaxed);
+        } else {
+            while (frames - done.load(std::memory_order_acquire) >= SlotCount)
+                std::this_thread::yield(); // every slot in flight
+            Slot* slot = &slots[frames % SlotCount];
+            slot->port = port;
+            slot->size = header->caplen;
+            std::memcpy(slot->bytes, data, header->caplen);
+            scheduler.ScheduleEvent(
+                [slot](unsigned long long&) {
+                    if (pcap_inject(slot->port, slot->bytes, slot->size) < 1)
+                        failed.fetch_add(1, std::memory_order_relaxed);
+                    done.fetch_add(1, std::memory_order_release);
+                },
+                0);
+        }
         ++frames;
         bytes += header->caplen;
     }
+    while (bScheduled && done.load(std::memory_order_acquire) != frames)
+        std::this_thread::yield();
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::printf("frames: %llu, failures: %llu, %.6f s, %.0f frames/s, %.1f Mbit/s\n", frames, failures, seconds,
+    std::printf("frames: %llu, failures: %llu, %.6f s, %.0f frames/s, %.1f Mbit/s\n", frames, failed.load(), seconds,
                 frames / seconds, bytes * 8 / seconds / 1e6);
     pcap_close(port);
     pcap_close(file);

@@ -12,6 +12,7 @@
 #
 #   scripts/bench-live-input.sh                 (build/release must exist: scripts/build.sh)
 #   SECONDS_PER_RUN=10 RATES_64="..." RATES_1500="..." scripts/bench-live-input.sh
+#   LOAD=2 scripts/bench-live-input.sh          (a busy machine: 2 busy loops at ordinary priority)
 set -u
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD:-$root/build/release}
@@ -30,7 +31,11 @@ ip link add lyrveth0 type veth peer name lyrveth1 || exit 1
 sysctl -qw net.ipv6.conf.lyrveth0.disable_ipv6=1 net.ipv6.conf.lyrveth1.disable_ipv6=1
 ip link set lyrveth0 up && ip link set lyrveth1 up
 dir=$(mktemp -d /tmp/lyr-bench.XXXXXX)
-trap 'rm -rf "$dir"' EXIT
+load_pids=()
+for ((i = 0; i < ${LOAD:-0}; i++)); do
+    sh -c 'while :; do :; done' & load_pids+=($!)
+done
+trap 'kill ${load_pids[*]} 2>/dev/null; rm -rf "$dir"' EXIT
 
 # One run: $1 tool, $2 traffic file, $3 rate. Prints "sent recorded drops achieved-pps".
 run() {

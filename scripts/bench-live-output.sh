@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Benchmarks of the live output, side by side with their baselines, on a veth pair in a network
 # namespace of its own (IPv6 off, no addresses), removed again at the end:
-#   throughput  lyrcap send --topspeed against a bare pcap_inject loop and tcpreplay --topspeed
+#   throughput  lyrcap send --topspeed against a bare pcap_inject loop and tcpreplay --topspeed,
+#               and the bare loop split across the scheduler's thread as the back-end must be
 #   pacing      files with 100 us and 1 ms gaps, captured at the far end, against tcpreplay
 #   idle        the scheduler thread's CPU while it waits 3 s for a frame
 #   SendFrame   ns and heap allocations per call against a bare ScheduleEvent
@@ -34,15 +35,18 @@ fixture="$build/fixtures/make-fixture"
 field() { sed -n "s|.*$1.*|\\1|p" | head -1; } # the first match of a sed group
 
 echo "== throughput: $throughput_frames frames each, frames/s on the sending side"
-printf "%-6s %14s %14s %14s %10s %10s\n" size bare-inject lyrcap tcpreplay "lyr/bare" "lyr/tcpr"
+printf "%-6s %14s %14s %14s %14s %10s %10s %12s\n" size bare-inject lyrcap tcpreplay bare-scheduled "lyr/bare" \
+    "lyr/tcpr" "sched/bare"
 for size in 64 1500; do
     file="$work/top$size.pcap"
     "$fixture" bench "$file" --packets "$throughput_frames" --size "$size" >/dev/null
     bare=$(inside "$build/benchmarks/bench-inject-loop" "$file" v0 | field ', \([0-9]*\) frames/s')
     ours=$(inside "$lyrcap" send "$file" v0 --topspeed | field '(\([0-9]*\) frames/s')
     theirs=$(inside tcpreplay -i v0 --topspeed "$file" 2>&1 | field 'Bps, .* Mbps, \([0-9.]*\) pps')
-    awk -v size="$size" -v bare="$bare" -v ours="$ours" -v theirs="$theirs" \
-        'BEGIN { printf "%-6s %14.0f %14.0f %14.0f %10.2f %10.2f\n", size, bare, ours, theirs, ours / bare, ours / theirs }' 
+    sched=$(inside "$build/benchmarks/bench-inject-loop" "$file" v0 --scheduled | field ', \([0-9]*\) frames/s')
+    awk -v size="$size" -v bare="$bare" -v ours="$ours" -v theirs="$theirs" -v sched="$sched" \
+        'BEGIN { printf "%-6s %14.0f %14.0f %14.0f %14.0f %10.2f %10.2f %12.2f\n", size, bare, ours, theirs, sched,
+                 ours / bare, ours / theirs, sched / bare }' 
 done
 
 # Sends a file with `sender` while tcpdump records the far end, and prints the gap figures.
