@@ -44,15 +44,16 @@ unsigned long long WallClockMicroseconds()
     return static_cast<unsigned long long>(now.tv_sec) * 1000000 + static_cast<unsigned long long>(now.tv_nsec) / 1000;
 }
 
-// The thread sleeps until this long before an event is due and spins the rest. The stretch
-// follows how late the sleeps actually wake (the kernel's wake-up latency differs from machine
-// to machine, and on a virtual machine a sleeping thread often wakes hundreds of microseconds
-// late): it jumps to one and a half times a recent oversleep and shrinks slowly when wakes are
-// punctual. With events less than the stretch apart the thread spins through the gaps, as a
-// sender that keeps time must; with nothing due it sleeps and costs nothing.
-constexpr Nanoseconds MinimumSpin = 20000;
-constexpr Nanoseconds InitialSpin = 60000;
-constexpr Nanoseconds MaximumSpin = 1000000;
+// The thread sleeps until this long before an event is due and spins the rest. A sleeping thread
+// wakes late by a margin that differs from machine to machine; on a virtual machine about one
+// sleep in a thousand wakes a millisecond or more late, and even a punctual wake from an idle
+// core puts tens of microseconds of jitter on the way to the wire. A stretch fitted to recent
+// wake-ups (tried: one and a half times the worst of the last 256, at least 20 or 300 µs) cut
+// the CPU of a replay with 1 ms gaps to a quarter or a third, but its 99th percentile of gap
+// error on the wire rose from about 3 µs to 5 to 40 µs, no better than a sender that spins all
+// the time. So events less than this apart are spun through, as a sender that keeps time must;
+// with nothing due the thread sleeps and costs nothing.
+constexpr Nanoseconds SpinNs = 1000000;
 // How long the thread keeps looking for a new event once the queue is empty.
 constexpr Nanoseconds EmptyQueueSpin = 50000;
 
@@ -139,9 +140,9 @@ struct PreciseScheduler::State {
             }
             const Nanoseconds deadline = queue.Front().deadline;
             Nanoseconds now = Monotonic();
-            if (now < deadline - spinNs) {
+            if (now < deadline - SpinNs) {
                 // A new event earlier than this one, or the end, wakes the thread early.
-                if (!SleepUntil(deadline - spinNs))
+                if (!SleepUntil(deadline - SpinNs))
                     return;
                 continue;
             }
@@ -189,8 +190,8 @@ struct PreciseScheduler::State {
         sleepingUntil = until;
         if (until == Forever)
             wake.wait(lock, [this] { return bStopping || !intake.empty(); });
-        else if (wake.wait_until(lock, MonotonicPoint(until)) == std::cv_status::timeout)
-            AdaptSpin(Monotonic() - until);
+        else
+            wake.wait_until(lock, MonotonicPoint(until));
         sleepingUntil = Awake;
         return !bStopping;
     }
@@ -204,11 +205,6 @@ struct PreciseScheduler::State {
         while (intakeSize.load(std::memory_order_relaxed) == 0 && Monotonic() < until)
             Pause();
         return intakeSize.load(std::memory_order_relaxed) != 0;
-    }
-
-    void AdaptSpin(Nanoseconds overslept)
-    {
-        spinNs = std::clamp(std::max(spinNs - spinNs / 64, overslept + overslept / 2), MinimumSpin, MaximumSpin);
     }
 
     // Runs one event that was due at `now` or before; returns the time after it.
@@ -249,7 +245,6 @@ struct PreciseScheduler::State {
     // The thread's own.
     EventQueue queue;
     std::vector<EventQueue::Entry> taken;
-    Nanoseconds spinNs = InitialSpin;
     std::thread thread;
 };
 
