@@ -1,79 +1,56 @@
-#include "PcapNetFile.h"
 #include "support/CaptureFiles.h"
-#include "support/LogCapture.h"
-#include "support/TempDir.h"
-
-#include <CaptureFileWriter.h>
-#include <lyr/BufferPool.h>
-#include <lyr/EthFrame.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <cstring>
 #include <atomic>
+#include <cstring>
 #include <thread>
 
-namespace {
+using CaptureFile = CaptureFileTest;
 
-const std::string InvalidSize = "Error reading packet from interface. Invalid packet size.";
-fixture::Record Packet(int64_t sec, int64_t usec, uint32_t caplen, uint32_t len)
+// The counts need more than 32 bits, as the 32-bit target must still keep them: wire lengths
+// that add up past 2^32 and a span of 68 years in milliseconds.
+TEST_F(CaptureFile, ScanGivesProgressAndDurationPastThirtyTwoBitsAndStartsAtTheFirstPacket)
 {
-    fixture::Record record;
-    record.seconds = sec;
-    record.fraction = usec;
-    record.caplen = caplen;
-    record.len = len;
-    record.data = fixture::Payload(caplen, 3);
-    return record;
-}
-
-class CaptureFile : public ::testing::Test {
-protected:
-    TempDir dir;
-    LogCapture log;
-    PcapNetFile file;
-    FrameBuffer buffer;
-};
-
-} // namespace
-
-TEST_F(CaptureFile, ScanGivesProgressDurationAndStartsAtTheFirstPacket)
-{
-    const std::string path = dir.File("three.pcap");
-    {
-        fixture::CaptureFileWriter writer(path);
-        writer.Add(Packet(Now, 0, 100, 100));
-        writer.Add(Packet(Now, 200000, 200, 200));
-        writer.Add(Packet(Now, 300999, 300, 300)); // 300.999 ms: whole milliseconds only
-    }
+    const std::string path = Write("three.pcap", {Packet(Now, 0, 100, 100), Packet(Now, 200000, 200, 200),
+                                                  Packet(Now, 300999, 300, 300)}); // 300.999 ms: whole ms only
     EXPECT_EQ(file.GetParseProgress(), 0u);
     file.StopParsingFile(); // nothing running: returns at once
-    ASSERT_TRUE(file.ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0));
+    ASSERT_TRUE(file.ConfigureFile(path, ReadMode, 0));
     EXPECT_EQ(file.GetParseProgress(), 500u); // the first packet is not in the count
     EXPECT_EQ(file.GetDuration(), 300u);
     EXPECT_EQ(file.GetPosition(), 0u);
 
     // A duration the caller knows spares the scan and leaves the progress alone.
-    ASSERT_TRUE(file.ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 12345));
+    ASSERT_TRUE(file.ConfigureFile(path, ReadMode, 12345));
     EXPECT_EQ(file.GetDuration(), 12345u);
     EXPECT_EQ(file.GetParseProgress(), 500u);
+
+    const std::string wide = Write("wide.pcap", {Packet(1, 0, 60, 0xF0000000u), Packet(2, 0, 60, 0xF0000000u),
+                                                 Packet(INT32_MAX, 0, 60, 0xF0000000u)});
+    ASSERT_TRUE(file.ConfigureFile(wide, ReadMode, 0));
+    EXPECT_EQ(file.GetParseProgress(), 2 * 0xF0000000ULL);
+    EXPECT_EQ(file.GetDuration(), (INT32_MAX - 1) * 1000ULL);
     EXPECT_TRUE(log.Lines().empty());
 }
 
-TEST_F(CaptureFile, BackwardsStampsMissingFilesAndBadModes)
+TEST_F(CaptureFile, EmptySingleAndBackwardsFilesLastNothingAndMissingFilesOrBadModesRead)
 {
-    const std::string backwards = dir.File("backwards.pcap");
-    {
-        fixture::CaptureFileWriter writer(backwards);
-        writer.Add(Now, 500000, Frame(60));
-        writer.Add(Now, 100000, Frame(60));
-    }
-    EXPECT_TRUE(file.ConfigureFile(backwards, Lyr::NetFile::NetFileMode_Read, 0));
+    ASSERT_TRUE(file.ConfigureFile(Write("empty.pcap", {}), ReadMode, 0));
+    EXPECT_EQ(file.GetDuration(), 0u);
+    EXPECT_FALSE(file.Read(buffer.frame));
+    ASSERT_TRUE(file.ConfigureFile(Write("single.pcap", {Whole(Now, 7, Frame(60))}), ReadMode, 0));
+    EXPECT_EQ(file.GetDuration(), 0u);
+    EXPECT_EQ(file.GetParseProgress(), 0u);
+    EXPECT_EQ(NextStamp(), Now * 1000000ULL + 7);
+    EXPECT_TRUE(log.Take().empty());
+
+    const std::string backwards = Write("backwards.pcap", {Whole(Now, 500000, Frame(60)), Whole(Now, 100000, Frame(60))});
+    EXPECT_TRUE(file.ConfigureFile(backwards, ReadMode, 0));
     EXPECT_EQ(log.Take(), std::vector<std::string>{"InitializeFileStats(): Negative time value, file could be corrupted.\n"});
     EXPECT_EQ(file.GetDuration(), 0u);
 
-    EXPECT_FALSE(file.ConfigureFile(dir.File("missing.pcap"), Lyr::NetFile::NetFileMode_Read, 0));
+    EXPECT_FALSE(file.ConfigureFile(dir.File("missing.pcap"), ReadMode, 0));
     auto lines = log.Take();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind("Error reading pcap file: ", 0), 0u);
@@ -88,33 +65,14 @@ TEST_F(CaptureFile, BackwardsStampsMissingFilesAndBadModes)
     }
 }
 
-TEST_F(CaptureFile, EmptyAndSinglePacketFilesLastNothing)
-{
-    const std::string empty = dir.File("empty.pcap"), single = dir.File("single.pcap");
-    { fixture::CaptureFileWriter writer(empty); }
-    {
-        fixture::CaptureFileWriter writer(single);
-        writer.Add(Now, 7, Frame(60));
-    }
-    ASSERT_TRUE(file.ConfigureFile(empty, Lyr::NetFile::NetFileMode_Read, 0));
-    EXPECT_EQ(file.GetDuration(), 0u);
-    EXPECT_FALSE(file.Read(buffer.frame));
-    ASSERT_TRUE(file.ConfigureFile(single, Lyr::NetFile::NetFileMode_Read, 0));
-    EXPECT_EQ(file.GetDuration(), 0u);
-    EXPECT_EQ(file.GetParseProgress(), 0u);
-    ASSERT_TRUE(file.Read(buffer.frame));
-    EXPECT_EQ(buffer.frame.GetTimestamp(), Now * 1000000ULL + 7);
-    EXPECT_TRUE(log.Lines().empty());
-}
-
 TEST_F(CaptureFile, StopParsingFromAnotherThreadEndsTheScanEarly)
 {
     const std::string path = dir.File("large.pcap");
-    const int packets = 400000;
+    const unsigned long long packets = 400000;
     {
         fixture::CaptureFileWriter writer(path);
         const auto frame = Frame(60);
-        for (int i = 0; i < packets; ++i)
+        for (unsigned long long i = 0; i < packets; ++i)
             writer.Add(Now + i / 1000, (i % 1000) * 1000, frame); // one per millisecond
     }
     int cutShort = 0;
@@ -126,56 +84,44 @@ TEST_F(CaptureFile, StopParsingFromAnotherThreadEndsTheScanEarly)
                 std::this_thread::yield();
             scanned.StopParsingFile();
         });
-        ASSERT_TRUE(scanned.ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0));
+        ASSERT_TRUE(scanned.ConfigureFile(path, ReadMode, 0));
         bConfigured = true;
         stopper.join();
         // One packet per millisecond: the duration covers exactly the packets scanned.
         const unsigned long long behindFirst = scanned.GetParseProgress() / 60;
         EXPECT_EQ(scanned.GetDuration(), behindFirst);
-        if (behindFirst < static_cast<unsigned long long>(packets - 1))
-            ++cutShort;
-        LogCapture quiet;
+        cutShort += behindFirst < packets - 1;
         scanned.SeekBegin(scanned.GetDuration()); // beyond the shortened duration
-        EXPECT_EQ(quiet.Lines(), std::vector<std::string>{"Seek time exceeds duration of pcap file.\n"});
+        EXPECT_EQ(log.Take(), std::vector<std::string>{"Seek time exceeds duration of pcap file.\n"});
     }
     EXPECT_GE(cutShort, 1) << "no scan was stopped before its end";
     // A scan that ends by itself while the request comes: no wait for ever.
+    const std::string tiny = Write("tiny.pcap", std::vector<fixture::Record>(50, Whole(Now, 0, Frame(60))));
     for (int round = 0; round < 50; ++round) {
         PcapNetFile small;
-        const std::string tiny = dir.File("tiny.pcap");
-        if (round == 0) {
-            fixture::CaptureFileWriter writer(tiny);
-            for (int i = 0; i < 50; ++i)
-                writer.Add(Now, i, Frame(60));
-        }
         std::thread stopper([&small] {
             for (int i = 0; i < 1000; ++i)
                 small.StopParsingFile();
         });
-        EXPECT_TRUE(small.ConfigureFile(tiny, Lyr::NetFile::NetFileMode_Read, 0));
+        EXPECT_TRUE(small.ConfigureFile(tiny, ReadMode, 0));
         stopper.join();
     }
 }
 
 TEST_F(CaptureFile, ReadDeliversEthernetFramesAndRefusesIncompleteOnes)
 {
-    const std::string path = dir.File("mixed.pcap");
     const auto good = Frame(60, 9);
-    {
-        fixture::CaptureFileWriter writer(path);
-        writer.Add(Now, 1, good);
-        writer.Add(Packet(Now, 2, 9023, 9023)); // too large
-        writer.Add(Packet(Now, 3, 100, 200));   // cut short at capture
-        writer.Add(Packet(Now, 4, 9022, 9022)); // the largest frame
-        writer.Add(Packet(Now, 5, 0, 0));       // empty, but complete
-    }
-    ASSERT_TRUE(file.ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0));
+    const std::string path = Write("mixed.pcap", {
+                                                     Whole(Now, 1, good),
+                                                     Packet(Now, 2, 9023, 9023), // too large
+                                                     Packet(Now, 3, 100, 200),   // cut short at capture
+                                                     Packet(Now, 4, 9022, 9022), // the largest frame
+                                                     Packet(Now, 5, 0, 0),       // empty, but complete
+                                                 });
+    ASSERT_TRUE(file.ConfigureFile(path, ReadMode, 0));
     ASSERT_TRUE(file.Read(buffer.frame));
-    const auto bytes = buffer.frame.GetData();
-    ASSERT_EQ(bytes.size, good.size());
-    EXPECT_EQ(std::memcmp(bytes.data, good.data(), good.size()), 0);
+    EXPECT_EQ(Bytes(buffer.frame), good);
     EXPECT_EQ(buffer.frame.GetTimestamp(), Now * 1000000ULL + 1); // absolute, not from the first packet
-
     for (int refused = 0; refused < 2; ++refused) {
         EXPECT_FALSE(file.Read(buffer.frame));
         EXPECT_EQ(log.Take(), std::vector<std::string>{InvalidSize});
@@ -185,30 +131,35 @@ TEST_F(CaptureFile, ReadDeliversEthernetFramesAndRefusesIncompleteOnes)
     EXPECT_EQ(buffer.frame.GetData().size, 9022u);
     ASSERT_TRUE(file.Read(buffer.frame));
     EXPECT_EQ(buffer.frame.GetData().size, 0u);
-    for (int atEnd = 0; atEnd < 2; ++atEnd)
-        EXPECT_FALSE(file.Read(buffer.frame));
+    EXPECT_FALSE(file.Read(buffer.frame));
+    EXPECT_FALSE(file.Read(buffer.frame)); // and stays at the end
     EXPECT_TRUE(log.Take().empty());
     EXPECT_EQ(file.GetPosition(), 0u); // the last packet, 4 us after the first
+
+    // Never a write past a small buffer (AddressSanitizer watches), nor into none.
+    ASSERT_TRUE(file.ConfigureFile(Write("big.pcap", {Whole(Now, 0, Frame(1000)), Whole(Now, 1, Frame(60))}), ReadMode, 0));
+    Lyr::BufferPool small(1, 100);
+    Lyr::EthFrame frame(small.GetBuffer(), 0);
+    EXPECT_FALSE(file.Read(frame));
+    EXPECT_EQ(log.Take().size(), 1u);
+    EXPECT_TRUE(file.Read(frame));
+    Lyr::EthFrame noBuffer;
+    EXPECT_FALSE(file.Read(noBuffer));
 }
 
 TEST_F(CaptureFile, RawPacketsBecomeEthernetFramesWithGroupAddresses)
 {
-    const std::string path = dir.File("raw.pcap");
     const auto udp = fixture::UdpDatagram(5000, 6000, fixture::Payload(10, 1));
     const auto toGroup = fixture::Ipv4Packet(fixture::Ipv4Address(10, 0, 0, 1), fixture::Ipv4Address(224, 0, 0, 1),
                                              fixture::kIpProtocolUdp, udp);
     const auto toHost = fixture::Ipv4Packet(fixture::Ipv4Address(10, 0, 0, 1), fixture::Ipv4Address(10, 0, 0, 2),
                                             fixture::kIpProtocolUdp, udp);
-    {
-        fixture::FileOptions options;
-        options.linkType = fixture::kLinkTypeRaw;
-        fixture::CaptureFileWriter writer(path, options);
-        writer.Add(Now, 0, toGroup);
-        writer.Add(Now, 1, toHost);
-        writer.Add(Packet(Now, 2, 9022, 9022));
-        writer.Add(Packet(Now, 3, 3, 3)); // too short for an IP header
-    }
-    ASSERT_TRUE(file.ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0));
+    fixture::FileOptions raw;
+    raw.linkType = fixture::kLinkTypeRaw;
+    const std::string path = Write("raw.pcap", {Whole(Now, 0, toGroup), Whole(Now, 1, toHost), Packet(Now, 2, 9022, 9022),
+                                                Packet(Now, 3, 3, 3)}, // too short for an IP header
+                                   raw);
+    ASSERT_TRUE(file.ConfigureFile(path, ReadMode, 0));
     ASSERT_TRUE(file.Read(buffer.frame));
     const Lyr::EthFrame& frame = buffer.frame;
     EXPECT_EQ(frame.GetDstAddress(), 0x01005e000001ULL);
@@ -229,48 +180,7 @@ TEST_F(CaptureFile, RawPacketsBecomeEthernetFramesWithGroupAddresses)
     EXPECT_EQ(frame.GetDstAddress(), 0u);
 
     // An Ethernet capture afterwards is taken as frames again.
-    const std::string ethernet = dir.File("ethernet.pcap");
-    {
-        fixture::CaptureFileWriter writer(ethernet);
-        writer.Add(Now, 0, Frame(60, 5));
-    }
-    ASSERT_TRUE(file.ConfigureFile(ethernet, Lyr::NetFile::NetFileMode_Read, 0));
+    ASSERT_TRUE(file.ConfigureFile(Write("ethernet.pcap", {Whole(Now, 0, Frame(60, 5))}), ReadMode, 0));
     ASSERT_TRUE(file.Read(buffer.frame));
-    EXPECT_EQ(frame.GetData().size, 60u);
-    EXPECT_EQ(std::memcmp(frame.GetData().data, Frame(60, 5).data(), 60), 0);
-}
-
-TEST_F(CaptureFile, ReadNeverWritesPastASmallBuffer)
-{
-    const std::string path = dir.File("big.pcap");
-    {
-        fixture::CaptureFileWriter writer(path);
-        writer.Add(Now, 0, Frame(1000));
-        writer.Add(Now, 1, Frame(60));
-    }
-    ASSERT_TRUE(file.ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0));
-    Lyr::BufferPool small(1, 100);
-    Lyr::EthFrame frame(small.GetBuffer(), 0);
-    EXPECT_FALSE(file.Read(frame)); // AddressSanitizer would catch a write past the 100 bytes
-    EXPECT_EQ(log.Take().size(), 1u);
-    EXPECT_TRUE(file.Read(frame));
-    Lyr::EthFrame noBuffer;
-    EXPECT_FALSE(file.Read(noBuffer));
-}
-
-// Counts that need more than 32 bits, as the 32-bit target must still keep them: wire lengths
-// that add up past 2^32 and a span of 68 years in milliseconds.
-TEST_F(CaptureFile, ProgressAndDurationPassThirtyTwoBits)
-{
-    const std::string path = dir.File("wide.pcap");
-    {
-        fixture::CaptureFileWriter writer(path);
-        writer.Add(Packet(1, 0, 60, 0xF0000000u));
-        writer.Add(Packet(2, 0, 60, 0xF0000000u));
-        writer.Add(Packet(INT32_MAX, 0, 60, 0xF0000000u));
-    }
-    ASSERT_TRUE(file.ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0));
-    EXPECT_EQ(file.GetParseProgress(), 2 * 0xF0000000ULL);
-    EXPECT_EQ(file.GetDuration(), (INT32_MAX - 1) * 1000ULL);
-    EXPECT_TRUE(log.Lines().empty());
+    EXPECT_EQ(Bytes(frame), Frame(60, 5));
 }

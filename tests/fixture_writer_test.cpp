@@ -1,14 +1,9 @@
 // The fixture writer is checked against libpcap itself, so our reader is never validated only
 // against files of our own making.
-
-#include "CaptureFileWriter.h"
+#include "support/CaptureFiles.h"
 
 #include <gtest/gtest.h>
-#include <pcap/pcap.h>
 
-#include <unistd.h>
-
-#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <tuple>
@@ -17,63 +12,18 @@ using namespace fixture;
 
 namespace {
 
-struct ReadResult {
-    std::vector<Record> records; // fraction in nanoseconds
-    int linkType = -1;
-    int snaplen = -1;
-    int endCode = 0; // the pcap_next_ex result that stopped reading
-    std::string error;
-};
-
-// Nanosecond precision shows micro and nano stamps exactly and tells the two magics apart.
-ReadResult ReadWithLibpcap(const std::string& path)
-{
-    ReadResult r;
-    char errbuf[PCAP_ERRBUF_SIZE];
-    pcap_t* p = pcap_open_offline_with_tstamp_precision(path.c_str(), PCAP_TSTAMP_PRECISION_NANO,
-                                                        errbuf);
-    if (!p) {
-        r.error = errbuf;
-        return r;
-    }
-    r.linkType = pcap_datalink(p);
-    r.snaplen = pcap_snapshot(p);
-    pcap_pkthdr* h;
-    const u_char* d;
-    while ((r.endCode = pcap_next_ex(p, &h, &d)) == 1)
-        r.records.push_back({h->ts.tv_sec, h->ts.tv_usec, h->caplen, h->len, {d, d + h->caplen}});
-    if (r.endCode == PCAP_ERROR)
-        r.error = pcap_geterr(p);
-    pcap_close(p);
-    return r;
-}
-
-// Named per process because test binaries from several build trees may run at the same time.
-struct TempFile {
-    explicit TempFile(const std::string& name)
-        : path(testing::TempDir() + "fxw_" + std::to_string(getpid()) + "_" + name)
-    {
-    }
-    ~TempFile() { std::remove(path.c_str()); }
-    const std::string path;
-};
-
 // Odd sizes exercise pcapng padding; the last record is cut by the snaplen (caplen < len).
 std::vector<Record> Records(Precision precision)
 {
     const int64_t ns[] = {5, 123456789, 999999999};
     const uint32_t caplen[] = {61, 1499, 101}, len[] = {61, 1499, 1514};
     std::vector<Record> records;
-    for (int i = 0; i < 3; ++i) {
-        int64_t fraction = precision == Precision::Nano ? ns[i] : ns[i] / 1000;
-        records.push_back({1714564800 + i, fraction, caplen[i], len[i], Payload(caplen[i], i)});
-    }
+    for (int i = 0; i < 3; ++i)
+        records.push_back({Now + i, precision == Precision::Nano ? ns[i] : ns[i] / 1000, caplen[i], len[i], Payload(caplen[i], i)});
     return records;
 }
 
-template <typename Writer>
-void WriteAll(const std::string& path, const FileOptions& options,
-              const std::vector<Record>& records)
+template <typename Writer> void WriteAll(const std::string& path, const FileOptions& options, const std::vector<Record>& records)
 {
     Writer writer(path, options);
     for (const Record& r : records)
@@ -106,13 +56,12 @@ TEST(FixtureWriter, FilesReadBackThroughLibpcap)
         {"micro.pcapng", pcapng, {micro, big, 65535, kLinkTypeEthernet}, DLT_EN10MB},
         {"nano.pcapng", pcapng, {nano, little, 2000, kLinkTypeRaw}, DLT_RAW},
     };
+    TempDir dir;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const TempFile file(c.name);
         const auto records = Records(c.options.precision);
-        c.write(file.path, c.options, records);
-
-        ReadResult read = ReadWithLibpcap(file.path);
+        c.write(dir.File(c.name), c.options, records);
+        const LibpcapView read = ReadWithLibpcap(dir.File(c.name));
         ASSERT_EQ(read.error, "");
         EXPECT_EQ(read.endCode, PCAP_ERROR_BREAK); // clean end of file
         EXPECT_EQ(read.linkType, c.dlt);
@@ -126,24 +75,25 @@ TEST(FixtureWriter, FilesReadBackThroughLibpcap)
 
 TEST(FixtureWriter, CutFilesEndWithLibpcapTruncationErrors)
 {
-    const TempFile file("cut.pcap");
+    TempDir dir;
+    const std::string path = dir.File("cut.pcap");
     auto records = Records(Precision::Micro);
     records[2].data.resize(50); // record claims 101 bytes, file holds 50
-    WriteAll<CaptureFileWriter>(file.path, {}, records);
-    ReadResult read = ReadWithLibpcap(file.path);
+    WriteAll<CaptureFileWriter>(path, {}, records);
+    LibpcapView read = ReadWithLibpcap(path);
     EXPECT_EQ(read.records.size(), 2u);
     EXPECT_EQ(read.endCode, PCAP_ERROR);
     EXPECT_NE(read.error.find("truncated"), std::string::npos) << read.error;
 
     const uint64_t firstRecordEnd = 24 + 16 + 61;
-    TruncateFile(file.path, firstRecordEnd + 5); // inside the second record header
-    read = ReadWithLibpcap(file.path);
+    TruncateFile(path, firstRecordEnd + 5); // inside the second record header
+    read = ReadWithLibpcap(path);
     EXPECT_EQ(read.records.size(), 1u);
     EXPECT_EQ(read.endCode, PCAP_ERROR);
     EXPECT_NE(read.error.find("truncated"), std::string::npos) << read.error;
 
-    TruncateFile(file.path, firstRecordEnd); // on a record boundary: short but valid
-    read = ReadWithLibpcap(file.path);
+    TruncateFile(path, firstRecordEnd); // on a record boundary: short but valid
+    read = ReadWithLibpcap(path);
     EXPECT_EQ(read.records.size(), 1u);
     EXPECT_EQ(read.endCode, PCAP_ERROR_BREAK);
 }
@@ -151,17 +101,17 @@ TEST(FixtureWriter, CutFilesEndWithLibpcapTruncationErrors)
 TEST(FixtureWriter, FileAndMemoryOutputsAreIdentical)
 {
     // Enough data to pass the file sink's internal flush point more than once.
-    const TempFile file("big.pcapng");
+    TempDir dir;
     std::vector<uint8_t> memory;
     {
-        PcapngWriter toFile(file.path), toMemory(memory);
+        PcapngWriter toFile(dir.File("big.pcapng")), toMemory(memory);
         for (int i = 0; i < 3000; ++i) {
             auto frame = Payload(997 + i % 7, uint8_t(i));
             toFile.Add(i, i, frame);
             toMemory.Add(i, i, frame);
         }
     } // the destructors close
-    std::ifstream in(file.path, std::ios::binary);
+    std::ifstream in(dir.File("big.pcapng"), std::ios::binary);
     std::vector<uint8_t> written{std::istreambuf_iterator<char>(in), {}};
     EXPECT_GT(written.size(), 3000000u);
     EXPECT_TRUE(written == memory);
@@ -169,8 +119,7 @@ TEST(FixtureWriter, FileAndMemoryOutputsAreIdentical)
 
 TEST(FixtureWriter, BuiltPacketsMatchLibpcapFilterAndChecksum)
 {
-    auto ip = Ipv4Packet(Ipv4Address(10, 0, 0, 1), Ipv4Address(224, 0, 0, 1), kIpProtocolUdp,
-                         UdpDatagram(1234, 5678, Payload(11, 3)));
+    auto ip = Ipv4Packet(Ipv4Address(10, 0, 0, 1), Ipv4Address(224, 0, 0, 1), kIpProtocolUdp, UdpDatagram(1234, 5678, Payload(11, 3)));
     auto frame = EthernetFrame(0x0a0b0c0d0e0f, 0x010203040506, kEtherTypeIpv4, ip);
     ASSERT_EQ(frame.size(), 14u + 20 + 8 + 11);
 

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -44,7 +45,7 @@ TEST(PluginFactory, RegistrationReplacesSilentlyAndNamesAreExact)
     EXPECT_EQ(Lyr::FindRegistrar<Widget>("pca"), nullptr);
 }
 
-TEST(EthFrame, HeaderSetBeforeDataLandsInFrontOfThePayload)
+TEST(EthFrame, AHeaderSetBeforeTheDataLandsInFrontOfThePayloadAndCapturedBytesReadAsTheyCame)
 {
     Lyr::BufferPool pool(1, 64);
     Lyr::EthFrame frame(pool.GetBuffer(), 0);
@@ -69,19 +70,16 @@ TEST(EthFrame, HeaderSetBeforeDataLandsInFrontOfThePayload)
     EXPECT_EQ(frame.GetData().data[12], 0x81);
     EXPECT_EQ(frame.GetData().data[15], 0x05);
     EXPECT_EQ(frame.GetData().data[17], 0x00); // type follows the tag
-}
 
-TEST(EthFrame, CapturedBytesAreReadAsTheyCame)
-{
     unsigned char bytes[] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0, 1, 2, 3, 4, 5, 0x81, 0x00, 0x20, 0x07, 0x08, 0x06, 9};
-    Lyr::EthFrame frame(Kt::CSlice<unsigned char>(nullptr, bytes, sizeof bytes), 42);
-    EXPECT_EQ(frame.GetDstAddress(), 0xffffffffffffULL);
-    EXPECT_EQ(frame.GetSrcAddress(), 0x000102030405ULL);
-    EXPECT_TRUE(frame.GetVlanPresent());
-    EXPECT_EQ(frame.GetVlanTag(), 0x2007);
-    EXPECT_EQ(frame.GetLengthType(), 0x0806);
-    EXPECT_EQ(frame.GetPayload().size, 1u);
-    EXPECT_EQ(frame.GetTimestamp(), 42u);
+    Lyr::EthFrame captured(Kt::CSlice<unsigned char>(nullptr, bytes, sizeof bytes), 42);
+    EXPECT_EQ(captured.GetDstAddress(), 0xffffffffffffULL);
+    EXPECT_EQ(captured.GetSrcAddress(), 0x000102030405ULL);
+    EXPECT_TRUE(captured.GetVlanPresent());
+    EXPECT_EQ(captured.GetVlanTag(), 0x2007);
+    EXPECT_EQ(captured.GetLengthType(), 0x0806);
+    EXPECT_EQ(captured.GetPayload().size, 1u);
+    EXPECT_EQ(captured.GetTimestamp(), 42u);
 }
 
 TEST(IpPacket, ReadsOnlyWithinItsSlice)
@@ -103,7 +101,7 @@ TEST(IpPacket, ReadsOnlyWithinItsSlice)
     EXPECT_EQ(static_cast<unsigned long long>(Lyr::GetMulticastMacAddress(group)), 0x01005e010203ULL);
 }
 
-TEST(BufferPool, BuffersReturnWithTheirLastSliceFromAnyThread)
+TEST(BufferPool, BuffersReturnWithTheirLastSliceFromAnyThreadAndMayOutliveThePool)
 {
     Lyr::BufferPool pool(2, 100);
     {
@@ -139,14 +137,11 @@ TEST(BufferPool, BuffersReturnWithTheirLastSliceFromAnyThread)
         thread.join();
     EXPECT_EQ(clashes, 0);
     EXPECT_EQ(pool.GetFreeCount(), 2u);
-}
 
-TEST(BufferPool, ABufferMayOutliveItsPool)
-{
     Kt::CSlice<unsigned char> survivor;
     {
-        Lyr::BufferPool pool(1, 16);
-        survivor = pool.GetBuffer();
+        Lyr::BufferPool brief(1, 16);
+        survivor = brief.GetBuffer();
     }
     std::memset(survivor.data, 1, survivor.size); // AddressSanitizer would see freed memory
     EXPECT_EQ(survivor.size, 16u);

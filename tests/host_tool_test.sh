@@ -21,7 +21,6 @@ expected=$(tcpdump -r "$eth" 2>/dev/null | wc -l)
 check "--help exits 0" test "$(status "$lyrcap" --help)" = 0
 check "info --help needs no plug-in" test "$(status "$lyrcap" --plugin /nonexistent.so info --help)" = 0
 check "info exits 0" test "$(status "$lyrcap" info "$eth")" = 0
-check "info counts what tcpdump counts" grep -q "^packets: *$expected\$" "$dir/out"
 lines() { wc -l <"$dir/out" | tr -d ' '; }
 check "replay exits 0" test "$(status "$lyrcap" replay "$eth")" = 0
 check "replay prints one line per frame" test "$(lines)" = "$expected"
@@ -51,8 +50,7 @@ dump() { tcpdump -tt -nn -x -r "$1" 2>/dev/null; }
 for source in "$eth" "$dir/corpus/nano.pcap" "$dir/corpus/pcapng-nano.pcapng" "$dir/corpus/big-endian.pcap"; do
     name=$(basename "$source")
     check "convert $name exits 0" test "$(status "$lyrcap" convert "$source" "$dir/copy.pcap")" = 0
-    check "convert $name keeps packets, bytes and stamps" test "$(dump "$source")" = "$(dump "$dir/copy.pcap")"
-    check "convert $name has some packets" test -n "$(dump "$dir/copy.pcap")"
+    check "convert $name keeps packets, bytes and stamps" test -n "$(dump "$source")" -a "$(dump "$source")" = "$(dump "$dir/copy.pcap")"
     count=$(tcpdump -r "$source" 2>/dev/null | wc -l)
     check "info $name counts what tcpdump counts" bash -c "'$lyrcap' info '$source' 2>/dev/null | grep -q '^packets: *$count\$'"
     check "replay $name gives tcpdump's stamps" \

@@ -1,88 +1,58 @@
 // Files made by the field's own tools read with the same packets and bytes.
-#include "PcapNetFile.h"
-#include "support/LogCapture.h"
-#include "support/TempDir.h"
-
-#include <CaptureFileWriter.h>
-#include <lyr/BufferPool.h>
-#include <lyr/EthFrame.h>
+#include "support/CaptureFiles.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <iomanip>
 
 namespace {
 
-struct Summary {
-    unsigned long long packets = 0, bytes = 0;
-    std::vector<std::vector<unsigned char>> frames;
-};
-
-Summary ReadAll(const std::string& path)
+// Every frame our reader delivers from `path`.
+std::vector<std::vector<uint8_t>> ReadAll(const std::string& path)
 {
     PcapNetFile file;
-    Summary summary;
-    if (!file.ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0))
-        return summary;
-    Lyr::BufferPool pool(1, 9036);
-    Lyr::EthFrame frame(pool.GetBuffer(), 0);
-    while (file.Read(frame)) {
-        const auto data = frame.GetData();
-        ++summary.packets;
-        summary.bytes += data.size;
-        summary.frames.emplace_back(data.data, data.data + data.size);
-    }
-    return summary;
+    FrameBuffer buffer;
+    std::vector<std::vector<uint8_t>> frames;
+    if (file.ConfigureFile(path, ReadMode, 0))
+        while (file.Read(buffer.frame))
+            frames.push_back(Bytes(buffer.frame));
+    return frames;
 }
 
-int RunQuietly(const std::string& command)
-{
-    return std::system((command + " >/dev/null 2>&1").c_str());
-}
+using Interop = CaptureFileTest;
 
 } // namespace
 
-TEST(Interop, Text2pcapCaptureReadsWhole)
+TEST_F(Interop, FilesWrittenByText2pcapAndTcpdumpReadWhole)
 {
-    TempDir dir;
-    LogCapture log;
     std::ofstream dump(dir.File("frames.txt"));
-    std::vector<std::vector<unsigned char>> sent;
-    for (int i = 0; i < 5; ++i) {
-        auto frame = fixture::EthernetFrame(0x0200000000aa, 0x0200000000bb, fixture::kEtherTypeIpv4,
-                                            fixture::Payload(46 + 100 * i, static_cast<uint8_t>(i)));
-        char line[24];
-        for (size_t at = 0; at < frame.size(); ++at) {
-            if (at % 16 == 0) {
-                std::snprintf(line, sizeof line, "%s%04zx ", at ? "\n" : "", at);
-                dump << line;
-            }
-            std::snprintf(line, sizeof line, " %02x", frame[at]);
-            dump << line;
+    dump << std::hex << std::setfill('0');
+    std::vector<std::vector<uint8_t>> sent;
+    for (int i = 0; i < 5; ++i) { // a hex dump: lines of an offset and up to 16 bytes
+        sent.push_back(Frame(60 + 100 * i, static_cast<uint8_t>(i)));
+        for (size_t at = 0; at < sent.back().size(); ++at) {
+            if (at % 16 == 0)
+                dump << (at ? "\n" : "") << std::setw(4) << at << ' ';
+            dump << ' ' << std::setw(2) << int(sent.back()[at]);
         }
         dump << "\n\n";
-        sent.push_back(frame);
     }
     dump.close();
-    ASSERT_EQ(RunQuietly("text2pcap -q " + dir.File("frames.txt") + " " + dir.File("made.pcap")), 0) << "text2pcap missing?";
-    const Summary read = ReadAll(dir.File("made.pcap"));
-    EXPECT_EQ(read.packets, sent.size());
-    EXPECT_EQ(read.frames, sent);
-    EXPECT_TRUE(log.Lines().empty());
-}
+    const std::string made = dir.File("made.pcap");
+    ASSERT_EQ(std::system(("text2pcap -q " + dir.File("frames.txt") + " " + made + " >/dev/null 2>&1").c_str()), 0);
+    EXPECT_EQ(ReadAll(made), sent);
 
-TEST(Interop, TcpdumpRewrittenCaptureReadsWhole)
-{
-    TempDir dir;
-    {
-        fixture::CaptureFileWriter writer(dir.File("ours.pcap"));
-        for (int i = 0; i < 20; ++i)
-            writer.Add(1714564800 + i, i * 1000, fixture::EthernetFrame(1, 2, 0x0800, fixture::Payload(50 + i * 40, 7)));
-    }
-    ASSERT_EQ(RunQuietly("tcpdump -r " + dir.File("ours.pcap") + " -w " + dir.File("theirs.pcap")), 0) << "tcpdump missing?";
-    const Summary ours = ReadAll(dir.File("ours.pcap")), theirs = ReadAll(dir.File("theirs.pcap"));
-    EXPECT_EQ(theirs.packets, 20u);
-    EXPECT_EQ(theirs.bytes, ours.bytes);
-    EXPECT_EQ(theirs.frames, ours.frames);
+    // Ours rewritten by tcpdump, that is by libpcap's own writer.
+    std::vector<fixture::Record> records;
+    for (int i = 0; i < 20; ++i)
+        records.push_back(Whole(Now + i, i * 1000, Frame(64 + i * 40, 7)));
+    const std::string theirs = dir.File("theirs.pcap");
+    ASSERT_EQ(std::system(("tcpdump -r " + Write("ours.pcap", records) + " -w " + theirs + " >/dev/null 2>&1").c_str()), 0);
+    const auto frames = ReadAll(theirs);
+    ASSERT_EQ(frames.size(), records.size());
+    for (size_t i = 0; i < frames.size(); ++i)
+        EXPECT_EQ(frames[i], records[i].data) << "frame " << i;
+    EXPECT_TRUE(log.Lines().empty());
 }

@@ -1,12 +1,12 @@
 #include "LatenessHistogram.h"
 #include "support/LogCapture.h"
 #include "support/SchedulerProbe.h"
+#include "support/WaitableList.h"
 
 #include <lyr/PreciseScheduler.h>
 
 #include <gtest/gtest.h>
 
-#include <sys/time.h>
 #include <time.h>
 
 #include <algorithm>
@@ -18,7 +18,7 @@
 
 namespace {
 
-// What an event saw when it ran. Written on the scheduler's thread, read after Eventually().
+// What an event saw when it ran.
 struct EventRun {
     int index;
     unsigned long long timestamp;
@@ -26,36 +26,24 @@ struct EventRun {
     unsigned long long ranAt;    // the present timestamp when it ran
 };
 
-class Runs {
+// Events that note what they saw, in the order they ran, once their `extra` has returned.
+class Runs : public WaitableList<EventRun> {
 public:
     void Schedule(int index, unsigned long long timestamp, std::function<void()> extra = nullptr)
     {
         Lyr::PreciseScheduler::GetInstance().ScheduleEvent(
             [this, index, timestamp, extra](unsigned long long& lateness) {
-                const unsigned long long now = Lyr::PreciseScheduler::GetInstance().GetPresentTimestamp();
-                {
-                    std::lock_guard<std::mutex> lock(mutex);
-                    runs.push_back({index, timestamp, lateness, now});
-                }
+                const EventRun run{index, timestamp, lateness, Lyr::PreciseScheduler::GetInstance().GetPresentTimestamp()};
                 if (extra)
                     extra();
-                ++count;
+                Add(run);
             },
             timestamp);
     }
-
-    bool WaitFor(std::size_t expected) { return Eventually([&] { return count.load() >= expected; }); }
-
-    std::vector<EventRun> All()
+    bool WaitFor(std::size_t count)
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        return runs;
+        return WaitUntil([count](const std::vector<EventRun>& runs) { return runs.size() >= count; }, std::chrono::seconds(10));
     }
-
-private:
-    std::mutex mutex;
-    std::vector<EventRun> runs;
-    std::atomic<std::size_t> count{0};
 };
 
 // A replay of a capture from 2024: its timestamps stand for the present from now on.
@@ -81,7 +69,8 @@ TEST(PreciseScheduler, RunsEveryEventOnceInTimeOrderAndEqualTimesInArrivalOrder)
     Runs runs;
     SchedulerGate gate;
     gate.Close();
-    // Due events, queued while the thread is held: out of order, with many equal times.
+    // Due events, queued while the thread is held: out of order (behind others already queued,
+    // so through the heap), with many equal times.
     std::mt19937 random(7);
     const int dueCount = 3000;
     for (int i = 0; i < dueCount; ++i)
@@ -94,7 +83,7 @@ TEST(PreciseScheduler, RunsEveryEventOnceInTimeOrderAndEqualTimesInArrivalOrder)
     gate.Open();
     ASSERT_TRUE(runs.WaitFor(dueCount + 3));
 
-    const std::vector<EventRun> all = runs.All();
+    const std::vector<EventRun> all = runs.Copy();
     ASSERT_EQ(all.size(), dueCount + 3u);
     std::vector<int> seen(dueCount + 3, 0);
     for (std::size_t i = 0; i < all.size(); ++i) {
@@ -111,9 +100,11 @@ TEST(PreciseScheduler, RunsEveryEventOnceInTimeOrderAndEqualTimesInArrivalOrder)
     EXPECT_EQ(Lyr::PreciseScheduler::GetInstance().GetQueuedCount(), 0u);
 }
 
-TEST(PreciseScheduler, DeadlinesAreAbsoluteSoALateEventDoesNotShiftTheRest)
+TEST(PreciseScheduler, DeadlinesAreAbsoluteAndEachEventIsHandedItsLatenessAndCounted)
 {
+    Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
     const unsigned long long present = StartReplayClock();
+    scheduler.ResetLatenessStatistics();
     Runs runs;
     // One event every 2 ms; the tenth holds the thread for 150 ms. The events behind it run
     // late, in a burst, and then the schedule is back on its own times: nothing shifted. The
@@ -123,77 +114,50 @@ TEST(PreciseScheduler, DeadlinesAreAbsoluteSoALateEventDoesNotShiftTheRest)
     for (int i = 0; i < count; ++i)
         runs.Schedule(i, first + i * gap, i == 10 ? [] { std::this_thread::sleep_for(std::chrono::milliseconds(150)); } : std::function<void()>());
     ASSERT_TRUE(runs.WaitFor(count));
+    runs.Schedule(count, scheduler.GetPresentTimestamp() - 50000); // 50 ms late when queued
+    ASSERT_TRUE(runs.WaitFor(count + 1));
 
-    const std::vector<EventRun> all = runs.All();
-    ASSERT_EQ(all.size(), std::size_t(count));
+    const std::vector<EventRun> all = runs.Copy();
+    ASSERT_EQ(all.size(), count + 1u);
+    EXPECT_LT(all[0].lateness, 10000u); // on time is 0 or a wake-up's worth, a few ms when loaded
     EXPECT_GE(all[11].lateness, 140000u); // 150 ms of holding, less the 2 ms gap, is lateness
     EXPECT_GE(all[11].lateness + 1000, all[11].ranAt - all[11].timestamp);
     for (int i = 150; i < count; ++i)
         EXPECT_LT(all[i].ranAt - all[i].timestamp, 50000u) << "event " << i << " was shifted";
-}
+    EXPECT_GE(all[count].lateness, 50000u);
+    EXPECT_LT(all[count].lateness, 1050000u);
 
-TEST(PreciseScheduler, HandsEachEventItsLatenessAndKeepsStatistics)
-{
-    Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
-    const unsigned long long present = StartReplayClock();
-    Runs runs;
-    runs.Schedule(0, present + 30000); // on time: it is waited for
-    ASSERT_TRUE(runs.WaitFor(1));
-    scheduler.ResetLatenessStatistics();
-
-    SchedulerGate gate;
-    gate.Close();
-    const unsigned long long now = scheduler.GetPresentTimestamp();
-    runs.Schedule(1, now - 50000); // 50 ms late when queued
-    runs.Schedule(2, now + 20000);
-    gate.Open();
-    ASSERT_TRUE(runs.WaitFor(3));
-
-    // On time is 0 or a wake-up's worth; a loaded machine may add a few milliseconds.
-    const std::vector<EventRun> all = runs.All();
-    EXPECT_LT(all[0].lateness, 10000u);
-    EXPECT_GE(all[1].lateness, 50000u);
-    EXPECT_LT(all[1].lateness, 1050000u);
-    EXPECT_LT(all[2].lateness, 10000u);
-    // The gate's event and the two above.
     const Lyr::PreciseScheduler::LatenessStatistics statistics = scheduler.GetLatenessStatistics();
-    EXPECT_EQ(statistics.events, 3u);
-    EXPECT_EQ(statistics.maximumUs, all[1].lateness);
+    EXPECT_EQ(statistics.events, count + 1u);
+    EXPECT_EQ(statistics.maximumUs, std::max_element(all.begin(), all.end(), [](const EventRun& a, const EventRun& b) {
+                                        return a.lateness < b.lateness;
+                                    })->lateness);
     EXPECT_LE(statistics.medianUs, statistics.p99Us);
     EXPECT_LE(statistics.p99Us, statistics.maximumUs);
 }
 
-TEST(PreciseScheduler, LiveTimestampsNeedNoReferenceAndWaitingCostsNoCpu)
+TEST(PreciseScheduler, LiveTimestampsNeedNoReferenceWaitingCostsNoCpuAndAThrowingEventIsReported)
 {
+    LogCapture log;
     Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
     scheduler.UseWallClock();
-    timeval wall{};
-    gettimeofday(&wall, nullptr);
-    const unsigned long long wallUs = static_cast<unsigned long long>(wall.tv_sec) * 1000000 + wall.tv_usec;
+    const unsigned long long wallUs =
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch()).count();
     const unsigned long long present = scheduler.GetPresentTimestamp();
     EXPECT_LT(present > wallUs ? present - wallUs : wallUs - present, 100000u);
 
-    // The thread's CPU time, read by the events themselves, across 400 ms of waiting.
+    // The thread's CPU time, read by the events themselves, across 400 ms of waiting. An event
+    // that throws in between must not end the thread.
     std::atomic<double> before{0}, after{0};
     Runs runs;
     runs.Schedule(0, present + 10000, [&] { before = ThreadCpuSeconds(); });
-    runs.Schedule(1, present + 410000, [&] { after = ThreadCpuSeconds(); });
+    runs.Schedule(1, present + 10000, [] { throw std::runtime_error("no route"); });
+    runs.Schedule(2, present + 410000, [&] { after = ThreadCpuSeconds(); });
     ASSERT_TRUE(runs.WaitFor(2));
     EXPECT_LT(after - before, 0.02) << "the scheduler's thread burned CPU while nothing was due";
-    EXPECT_GE(runs.All()[1].ranAt, present + 410000);
+    EXPECT_EQ(runs.Copy()[1].index, 2);
+    EXPECT_GE(runs.Copy()[1].ranAt, present + 410000);
     EXPECT_GT(scheduler.GetThreadCpuSeconds(), 0.0);
-}
-
-TEST(PreciseScheduler, AnEventThatThrowsIsReportedAndTheNextStillRuns)
-{
-    LogCapture log;
-    const unsigned long long present = StartReplayClock();
-    Runs runs;
-    runs.Schedule(0, present, [] { throw std::runtime_error("no route"); });
-    runs.Schedule(1, present + 1000);
-    ASSERT_TRUE(runs.WaitFor(1)); // only the second finishes
-    EXPECT_EQ(runs.All().size(), 2u);
-    EXPECT_TRUE(Eventually([&] { return log.Lines().size() == 1; }));
     EXPECT_EQ(log.Lines(), std::vector<std::string>{"Scheduled event failed: no route\n"});
 }
 

@@ -48,8 +48,7 @@ TEST(TimeArithmetic, DifferenceCarriesReducesAndKeepsTheSpan)
     EXPECT_EQ(TimeValToMilliseconds(CalculateTimeDiff(Tv(3, 0), Tv(1, 1000000))), 1000u);
 }
 
-// The target's timeval has signed 32-bit fields; these cases are chosen at that width and hold on
-// wider builds too.
+// The 32-bit target's timeval has signed 32-bit fields: the cases hold at that width and wider.
 TEST(TimeArithmetic, FlatCountsTruncateAndSignExtend)
 {
     EXPECT_EQ(TimeValToMilliseconds(Tv(0, 999999)), 999u);
@@ -58,8 +57,7 @@ TEST(TimeArithmetic, FlatCountsTruncateAndSignExtend)
     // The largest 32-bit tv_sec: 1000 times it needs 42 bits, a million times it 51, both exact.
     EXPECT_EQ(TimeValToMilliseconds(Tv(INT32_MAX, 999999)), 2147483647999ULL);
     EXPECT_EQ(TimeValToMicroseconds(Tv(INT32_MAX, 999999)), 2147483647999999ULL);
-    // Negative fields are sign-extended, so the counts are two's complement of the true values; a
-    // zero-extended 32-bit field would give 2^32 - 1 and 2^32 - 2^31 here.
+    // Sign-extended: two's complement of the true values (zero-extended: 2^32 - 1 and 2^32 - 2^31).
     EXPECT_EQ(TimeValToMicroseconds(Tv(0, -1)), std::numeric_limits<unsigned long long>::max());
     EXPECT_EQ(TimeValToMicroseconds(Tv(0, INT32_MIN)), 0xFFFFFFFF80000000ULL);
     EXPECT_EQ(TimeValToMilliseconds(Tv(-1, 0)), 0ULL - 1000);
@@ -70,8 +68,7 @@ TEST(TimeArithmetic, FlatCountsTruncateAndSignExtend)
 
 TEST(TimeArithmetic, DifferencesOutsideTheFieldWidthReturnWithoutTrap)
 {
-    // The ARM build checks for undefined behaviour with trapping instructions: an overflowing
-    // field operation stops the test there, as it does under UBSan on the native build.
+    // An overflowing field operation traps on the ARM build, as under UBSan on the native one.
     using Micros = decltype(timeval::tv_usec);
     using Seconds = decltype(timeval::tv_sec);
     const auto lowUsec = std::numeric_limits<Micros>::min(), highUsec = std::numeric_limits<Micros>::max();

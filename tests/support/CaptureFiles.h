@@ -1,16 +1,29 @@
 #pragma once
 
-// What the capture-file tests share: present-day stamps, recognisable frames and a frame with
-// room for the largest packet.
+// What the capture-file tests share: present-day stamps, recognisable frames, files written in
+// one call and a test with a file, a frame to read into and the log.
+
+#include "PcapNetFile.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+
+#include <pcap/pcap.h>
 
 #include <CaptureFileWriter.h>
 #include <lyr/BufferPool.h>
 #include <lyr/EthFrame.h>
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
+#include <string>
 #include <vector>
 
 constexpr int64_t Now = 1714564800; // 2024-05-01, a present-day stamp
+constexpr auto ReadMode = Lyr::NetFile::NetFileMode_Read;
+constexpr auto WriteMode = Lyr::NetFile::NetFileMode_Write;
+// What the back-ends print for a packet that is not a complete frame.
+const std::string InvalidSize = "Error reading packet from interface. Invalid packet size.";
 
 // An IPv4 frame of `size` bytes whose payload is told apart by `seed`.
 inline std::vector<uint8_t> Frame(size_t size, uint8_t seed = 1)
@@ -25,8 +38,72 @@ inline std::vector<uint8_t> Bytes(const Lyr::EthFrame& frame)
     return std::vector<uint8_t>(data.data, data.data + data.size);
 }
 
+// A record of `bytes` captured whole, or one whose lengths say what they like over filler.
+inline fixture::Record Whole(int64_t seconds, int64_t fraction, const std::vector<uint8_t>& bytes)
+{
+    return {seconds, fraction, uint32_t(bytes.size()), uint32_t(bytes.size()), bytes};
+}
+inline fixture::Record Packet(int64_t seconds, int64_t fraction, uint32_t caplen, uint32_t len)
+{
+    return {seconds, fraction, caplen, len, fixture::Payload(caplen, 3)};
+}
+
 // A frame with a buffer for the largest packet and an Ethernet header in front of it.
 struct FrameBuffer {
     Lyr::BufferPool pool{1, 9036};
     Lyr::EthFrame frame{pool.GetBuffer(), 0};
 };
+
+class CaptureFileTest : public ::testing::Test {
+protected:
+    // Writes `records` into the file `name` of the test's directory and returns its path.
+    std::string Write(const std::string& name, const std::vector<fixture::Record>& records,
+                      const fixture::FileOptions& options = {})
+    {
+        const std::string path = dir.File(name);
+        fixture::CaptureFileWriter writer(path, options);
+        for (const fixture::Record& record : records)
+            writer.Add(record);
+        writer.Close();
+        return path;
+    }
+
+    // The time stamp of the frame the next Read delivers, or 0 when it delivers none.
+    unsigned long long NextStamp() { return file.Read(buffer.frame) ? buffer.frame.GetTimestamp() : 0; }
+
+    TempDir dir;
+    LogCapture log;
+    PcapNetFile file;
+    FrameBuffer buffer;
+};
+
+// A file as libpcap reads it, at nanosecond precision: it shows micro- and nanosecond stamps
+// exactly and tells the two magics apart.
+struct LibpcapView {
+    std::vector<fixture::Record> records; // fraction in nanoseconds
+    int linkType = -1;
+    int snaplen = -1;
+    int endCode = 0; // the pcap_next_ex result that stopped reading
+    std::string error;
+};
+
+inline LibpcapView ReadWithLibpcap(const std::string& path)
+{
+    LibpcapView view;
+    char errbuf[PCAP_ERRBUF_SIZE];
+    pcap_t* handle = pcap_open_offline_with_tstamp_precision(path.c_str(), PCAP_TSTAMP_PRECISION_NANO, errbuf);
+    if (!handle) {
+        view.error = errbuf;
+        return view;
+    }
+    view.linkType = pcap_datalink(handle);
+    view.snaplen = pcap_snapshot(handle);
+    pcap_pkthdr* header;
+    const u_char* data;
+    while ((view.endCode = pcap_next_ex(handle, &header, &data)) == 1)
+        view.records.push_back({header->ts.tv_sec, header->ts.tv_usec, header->caplen, header->len, {data, data + header->caplen}});
+    if (view.endCode == PCAP_ERROR)
+        view.error = pcap_geterr(handle);
+    pcap_close(handle);
+    return view;
+}

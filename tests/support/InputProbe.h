@@ -1,8 +1,8 @@
 #pragma once
 
 #include "PcapNetInputIf.h"
-
-#include <lyr/EthFrame.h>
+#include "support/CaptureFiles.h"
+#include "support/WaitableList.h"
 
 #include <kt/CFunctor.h>
 
@@ -24,3 +24,17 @@ inline Kt::CFunctor<void(const Lyr::EthFrame&)> Subscriber(std::function<void(co
 {
     return Kt::MakeFunctor<void(const Lyr::EthFrame&)>(std::move(body));
 }
+
+struct Seen {
+    std::vector<uint8_t> bytes;
+    unsigned long long timestamp;
+};
+
+// A subscriber that keeps a copy of every frame it receives, for the test thread to wait on.
+class Collector : public WaitableList<Seen> {
+public:
+    Kt::CFunctor<void(const Lyr::EthFrame&)> Functor()
+    {
+        return Subscriber([this](const Lyr::EthFrame& frame) { Add({Bytes(frame), frame.GetTimestamp()}); });
+    }
+};

@@ -1,38 +1,55 @@
 #pragma once
 
+#include "support/WaitableList.h"
+
 #include <kt/MyPrintf.h>
 
-#include <mutex>
+#include <chrono>
 #include <string>
 #include <vector>
 
-// Collects what the code under test prints through Kt::MyPrintf, exactly as formatted.
-class LogCapture {
+struct LogLine {
+    std::chrono::steady_clock::time_point when;
+    std::string text;
+};
+
+// Collects what the code under test prints through Kt::MyPrintf, exactly as formatted, with the
+// moment each line was printed.
+class LogCapture : public WaitableList<LogLine> {
 public:
     LogCapture()
     {
-        previous = Kt::SetLogSink([this](const std::string& text) {
-            std::lock_guard<std::mutex> lock(mutex);
-            lines.push_back(text);
-        });
+        previous = Kt::SetLogSink([this](const std::string& text) { Add({std::chrono::steady_clock::now(), text}); });
     }
     ~LogCapture() { Kt::SetLogSink(previous); }
 
-    std::vector<std::string> Lines()
+    std::vector<std::string> Lines() { return Texts(Copy()); }
+    std::vector<std::string> Take() { return Texts(WaitableList::Take()); }
+
+    // Waits for `count` lines that begin with `prefix`, and returns those there are by then.
+    std::vector<LogLine> WaitFor(const std::string& prefix, size_t count, std::chrono::steady_clock::duration timeout)
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        return lines;
-    }
-    std::vector<std::string> Take()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        std::vector<std::string> taken;
-        taken.swap(lines);
-        return taken;
+        std::vector<LogLine> found;
+        WaitUntil(
+            [&](const std::vector<LogLine>& lines) {
+                found.clear();
+                for (const LogLine& line : lines)
+                    if (line.text.rfind(prefix, 0) == 0)
+                        found.push_back(line);
+                return found.size() >= count;
+            },
+            timeout);
+        return found;
     }
 
 private:
+    static std::vector<std::string> Texts(const std::vector<LogLine>& lines)
+    {
+        std::vector<std::string> texts;
+        for (const LogLine& line : lines)
+            texts.push_back(line.text);
+        return texts;
+    }
+
     Kt::LogSink previous;
-    std::mutex mutex;
-    std::vector<std::string> lines;
 };

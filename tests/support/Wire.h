@@ -8,16 +8,17 @@
 #include <string>
 #include <vector>
 
-// What arrives on a device, as libpcap sees it there: the other end of a veth pair shows what
-// was put on the wire. Capture runs from construction, so nothing sent afterwards is missed.
-class WireReceiver {
+// One end of a veth pair as libpcap sees it: what is sent here arrives on the other end, and
+// what arrives here (matching `filter`) shows what the other end put on the wire. Capture runs
+// from construction, so nothing sent afterwards is missed.
+class Wire {
 public:
     struct Arrival {
         std::vector<std::uint8_t> bytes;
         std::uint64_t microseconds; // the kernel's receive time stamp
     };
 
-    WireReceiver(const char* device, const char* filter)
+    Wire(const char* device, const char* filter = "")
     {
         char errbuf[PCAP_ERRBUF_SIZE] = "";
         handle = pcap_create(device, errbuf);
@@ -36,23 +37,28 @@ public:
             error = pcap_geterr(handle);
         pcap_freecode(&program);
     }
-    ~WireReceiver()
+    ~Wire()
     {
         if (handle)
             pcap_close(handle);
     }
-    WireReceiver(const WireReceiver&) = delete;
-    WireReceiver& operator=(const WireReceiver&) = delete;
+    Wire(const Wire&) = delete;
+    Wire& operator=(const Wire&) = delete;
 
     bool Ok() const { return error.empty(); }
     const std::string& Error() const { return error; }
+
+    bool Send(const std::vector<std::uint8_t>& frame)
+    {
+        return Ok() && pcap_inject(handle, frame.data(), frame.size()) == static_cast<int>(frame.size());
+    }
 
     // What arrives until `count` frames are in or `limit` has passed.
     std::vector<Arrival> Take(std::size_t count, std::chrono::milliseconds limit = std::chrono::seconds(5))
     {
         std::vector<Arrival> arrivals;
         const auto end = std::chrono::steady_clock::now() + limit;
-        while (handle && arrivals.size() < count && std::chrono::steady_clock::now() < end) {
+        while (Ok() && arrivals.size() < count && std::chrono::steady_clock::now() < end) {
             pcap_pkthdr* header = nullptr;
             const u_char* data = nullptr;
             if (pcap_next_ex(handle, &header, &data) != 1) {
