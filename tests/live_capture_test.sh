@@ -35,6 +35,15 @@ send_while_running() {
     done
 }
 packets() { capinfos -c -M "$1" 2>/dev/null | awk '/Number of packets/ {print $NF}'; }
+# Scheduling policy and realtime priority of the running capture's threads ("1 10": FIFO at 10),
+# the capture thread's first, then the main thread's.
+policies() {
+    local task
+    for task in /proc/"$pid"/task/*; do
+        [ "$(cat "$task/comm")" = LYR-PcapInIf ] && awk '{print $41, $40}' "$task/stat"
+    done
+    awk '{print $41, $40}' /proc/"$pid"/stat
+}
 
 "$lyrcap" capture lyrveth0 --count 50 -w "$dir/count.pcap" 2>"$dir/err" & pid=$!
 send_while_running
@@ -45,7 +54,9 @@ check "tshark reads all 50" test "$(tshark -r "$dir/count.pcap" 2>/dev/null | wc
 check "frames are recorded whole" cmp <(tcpdump -r "$dir/traffic.pcap" -x 2>/dev/null | grep -v '^[0-9]' | head -20) \
     <(tcpdump -r "$dir/count.pcap" -x 2>/dev/null | grep -v '^[0-9]' | head -20)
 
-"$lyrcap" capture lyrveth0 --port 5001 --seconds 1.5 -w "$dir/filtered.pcap" 2>"$dir/err" & pid=$!
+"$lyrcap" capture lyrveth0 --port 5001 --seconds 1.5 --priority 0 -w "$dir/filtered.pcap" 2>"$dir/err" & pid=$!
+sleep 0.3
+check "--priority 0 leaves the capture thread at ordinary priority" test "$(policies | tr '\n' ' ')" = "0 0 0 0 "
 send_while_running
 wait "$pid"; check "capture --seconds exits 0" test $? = 0; pid=
 check "a port nobody sends to keeps everything out" test "$(packets "$dir/filtered.pcap")" = 0
@@ -53,6 +64,12 @@ check "the status line shows the counters" grep -q "frames, .*dropped, .* frames
 
 "$lyrcap" capture lyrveth0 --host 10.0.0.2 --port 5000 -w "$dir/interrupted.pcap" 2>"$dir/err" & pid=$!
 sleep 0.5 # the capture's open, not a synchronisation: traffic sent before it is merely missed
+if grep -q "realtime priority refused" "$dir/err"; then # a system that grants none: said, and ordinary
+    check "a refused realtime priority leaves the capture at ordinary priority" test "$(policies | tr '\n' ' ')" = "0 0 0 0 "
+else
+    check "the capture thread runs at realtime priority 10, the main thread gave it up" \
+        test "$(policies | tr '\n' ' ')" = "1 10 0 0 "
+fi
 for _ in 1 2 3; do tcpreplay -q -i lyrveth1 "$dir/traffic.pcap" >/dev/null 2>&1; done
 kill -INT "$pid"; wait "$pid"; check "Ctrl-C exits 130" test $? = 130; pid=
 tcpdump -r "$dir/interrupted.pcap" >/dev/null 2>"$dir/tcpdump.err"
