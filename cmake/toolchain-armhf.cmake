@@ -13,6 +13,9 @@ set(LYR_ARM_TRIPLE arm-linux-gnueabihf)
 set(CMAKE_C_COMPILER ${LYR_ARM_TRIPLE}-gcc)
 set(CMAKE_CXX_COMPILER ${LYR_ARM_TRIPLE}-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE ${LYR_ARM_TRIPLE})
+# GCC notes that the way some standard-library iterators are passed changed in GCC 7.1. Every
+# module here is built by one compiler, so the note concerns nothing we link.
+string(APPEND CMAKE_CXX_FLAGS_INIT " -Wno-psabi")
 
 # The toolchain file is read again for every try_compile, which sees only what is listed here.
 set(LYR_ARM_SYSROOT "" CACHE PATH "Folder with unpacked armhf packages; empty when they are installed through multiarch")
