@@ -26,7 +26,6 @@ public:
     };
 
     bool Empty() const { return ringCount == 0 && heap.empty(); }
-    std::size_t Size() const { return ringCount + heap.size(); }
 
     // Entries come with rising sequence numbers.
     void Add(Entry&& entry)

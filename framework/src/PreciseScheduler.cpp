@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <climits>
 #include <condition_variable>
 #include <cstdint>
 #include <exception>
@@ -104,7 +103,6 @@ struct PreciseScheduler::State {
     {
         {
             std::lock_guard<std::mutex> lock(mutex);
-            bStopping = true;
             stopping.store(true, std::memory_order_relaxed);
         }
         wake.notify_all();
@@ -183,17 +181,17 @@ struct PreciseScheduler::State {
     bool SleepUntil(Nanoseconds until)
     {
         std::unique_lock<std::mutex> lock(mutex);
-        if (bStopping)
+        if (stopping.load(std::memory_order_relaxed))
             return false;
         if (!intake.empty())
             return true;
         sleepingUntil = until;
         if (until == Forever)
-            wake.wait(lock, [this] { return bStopping || !intake.empty(); });
+            wake.wait(lock, [this] { return stopping.load(std::memory_order_relaxed) || !intake.empty(); });
         else
             wake.wait_until(lock, MonotonicPoint(until));
         sleepingUntil = Awake;
-        return !bStopping;
+        return !stopping.load(std::memory_order_relaxed);
     }
 
     // A sender that hands over frames as fast as they leave empties the queue again and again;
@@ -233,11 +231,10 @@ struct PreciseScheduler::State {
     std::uint64_t nextSequence = 0;
     unsigned long long referenceTimestampUs = 0; // stands for the monotonic moment referenceNs
     Nanoseconds referenceNs = 0;
-    bool bStopping = false;
     Nanoseconds sleepingUntil = Awake;
     // Looked at without the lock.
     std::atomic<std::size_t> intakeSize{0};
-    std::atomic<bool> stopping{false};
+    std::atomic<bool> stopping{false}; // written under the lock, so a sleeper cannot miss it
     std::atomic<Nanoseconds> presentOffsetNs{0}; // the reference as one sum, for lock-free reads
     std::atomic<std::uint64_t> scheduledCount{0}; // written under the lock
     std::atomic<std::uint64_t> startedCount{0}; // written by the thread
