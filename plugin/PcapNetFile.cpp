@@ -173,19 +173,19 @@ bool PcapNetFile::Read(Lyr::EthFrame& frame)
     } guard{bReading};
     if (!bReadEnabled.load() || !pcapHandle)
         return false;
+    // The caller owes a buffer for the largest packet, and the slice's size before the call says
+    // nothing of the room behind it (a frame often comes back narrowed to its last packet). A
+    // frame without any buffer is refused before a packet is consumed, so it is not lost.
+    if (!frame.GetData().data) {
+        Kt::MyPrintf("Can only read into a frame that holds a buffer.\n");
+        return false;
+    }
     pcap_pkthdr header;
     const unsigned char* packet = pcap_next(pcapHandle, &header);
     if (!packet)
         return false;
     if (!IsCompleteFrame(header.caplen, header.len)) {
         Kt::MyPrintf("%s", InvalidPacketSizeMessage);
-        return false;
-    }
-    // The caller owes a buffer for the largest packet; one that is short (or missing) gets no
-    // bytes written past its end.
-    const unsigned int needed = header.len + (rawLinkType == 1 ? 14u : 0u); // RAW: plus an untagged header
-    if (!frame.GetData().data || frame.GetCapacity() < needed) {
-        Kt::MyPrintf("Frame buffer too small for packet of %s bytes.\n", std::to_string(header.len).c_str());
         return false;
     }
     if (rawLinkType == 1)

@@ -14,7 +14,9 @@ namespace Lyr {
 // reused for captured frames after built ones carries the captured headers unchanged.
 class LYR_SHARED EthFrame {
 public:
+#ifndef LYR_CONTRACT_ONLY // beyond the plug-in's contract: for hosts and tests
     EthFrame();
+#endif
     EthFrame(const Kt::CSlice<unsigned char>& data, unsigned long long timestamp);
     EthFrame(const EthFrame&) = default;
     EthFrame& operator=(const EthFrame&) = default;
@@ -23,9 +25,11 @@ public:
     Kt::CSlice<unsigned char>& GetData() { return data; }
     Kt::CSlice<unsigned char> GetData() const { return data; }
     void SetData(Kt::CSlice<unsigned char>& newData);
+#ifndef LYR_CONTRACT_ONLY
     // The room of the frame's buffer: the size of the slice the buffer came in with. Narrowing
     // or widening a slice of the same buffer (same owner and start) keeps it.
     unsigned int GetCapacity() const { return capacity; }
+#endif
 
     void SetTimestamp(unsigned long long microseconds) { timestamp = microseconds; }
     unsigned long long GetTimestamp() const { return timestamp; }
@@ -33,8 +37,10 @@ public:
     void SetDstAddress(unsigned long long mac);
     void SetSrcAddress(unsigned long long mac);
     void SetVlanPresent(bool present);
-    void SetVlanTag(unsigned short tag); // priority, DEI and VLAN id, when the VLAN flag is set
     void SetLengthType(unsigned short lengthType);
+
+#ifndef LYR_CONTRACT_ONLY
+    void SetVlanTag(unsigned short tag); // priority, DEI and VLAN id, when the VLAN flag is set
 
     // The header as the bytes hold it (as set, while the bytes are too short to hold it).
     unsigned long long GetDstAddress() const;
@@ -42,6 +48,7 @@ public:
     bool GetVlanPresent() const;
     unsigned short GetVlanTag() const;
     unsigned short GetLengthType() const;
+#endif
 
     // 14 bytes, or 18 with a VLAN tag.
     unsigned int GetHeaderSize() const;

@@ -13,10 +13,12 @@ public:
     explicit IpPacket(const Kt::CSlice<unsigned char>& packet);
     ~IpPacket();
 
+    Kt::CIpAddress GetDstAddress() const;
+#ifndef LYR_CONTRACT_ONLY // beyond the plug-in's contract: for hosts and tests
     bool IsValid() const; // version 4 and a whole 20-byte header
     unsigned char GetProtocol() const;
     Kt::CIpAddress GetSrcAddress() const;
-    Kt::CIpAddress GetDstAddress() const;
+#endif
 
 private:
     Kt::CSlice<unsigned char> bytes;

@@ -27,6 +27,7 @@ public:
     virtual void SetTimeout(unsigned long long limit) = 0;
     virtual void SetSocketSendBufferSize(int bytes) = 0;
 
+#ifndef LYR_CONTRACT_ONLY // beyond the plug-in's contract: for hosts and tests
     // Hosts hear of frames given up as late here. Subscribe while no frame is pending: the list
     // is read without a lock on the scheduler's thread.
     void SubscribeTimeout(const TimeoutFunctor& functor);
@@ -34,6 +35,7 @@ public:
 
     // Before the first ConfigureIf this is ConfigState_Ready: nothing is being configured.
     ConfigState_e GetConfigState() const { return configState; }
+#endif
 
 protected:
     Kt::CDelegate<void(ConfigState_e)> configStateDelegate;

@@ -1,5 +1,9 @@
 #pragma once
 
+#ifdef LYR_CONTRACT_ONLY
+#error "host side only: a plug-in is loaded, it does not load"
+#endif
+
 #include <string>
 
 namespace Lyr {

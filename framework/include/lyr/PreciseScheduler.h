@@ -23,18 +23,19 @@ class LYR_SHARED PreciseScheduler : private Kt::CUncopyable {
 public:
     using Event = std::function<void(unsigned long long& latenessUs)>;
 
+    static PreciseScheduler& GetInstance();
+
+    // Queues `event` for the moment of `timestampUs` and returns at once. Events with equal
+    // times run in the order they were scheduled. Safe from any thread.
+    void ScheduleEvent(Event&& event, unsigned long long timestampUs);
+
+#ifndef LYR_CONTRACT_ONLY // beyond the plug-in's contract: for hosts and tests
     struct LatenessStatistics {
         unsigned long long events = 0; // run since the last reset
         unsigned long long medianUs = 0;
         unsigned long long p99Us = 0; // 99th percentile
         unsigned long long maximumUs = 0;
     };
-
-    static PreciseScheduler& GetInstance();
-
-    // Queues `event` for the moment of `timestampUs` and returns at once. Events with equal
-    // times run in the order they were scheduled. Safe from any thread.
-    void ScheduleEvent(Event&& event, unsigned long long timestampUs);
 
     // From now on `timestampUs` stands for the present moment; events already queued keep
     // their deadlines.
@@ -52,6 +53,7 @@ public:
     LatenessStatistics GetLatenessStatistics() const;
     void ResetLatenessStatistics();
     double GetThreadCpuSeconds() const;
+#endif
 
     struct State; // the scheduler's own; defined with it
 

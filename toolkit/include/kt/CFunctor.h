@@ -20,7 +20,9 @@ public:
     CPtrRef* holder = nullptr; // null: the functor owns nothing
     const void* target = nullptr;
 
+#ifndef LYR_CONTRACT_ONLY // beyond the plug-in's contract: for the framework, hosts and tests
     CFunctor() = default;
+#endif
 
     // Takes over the first reference of `adoptedHolder`, if any.
     CFunctor(WrapperFn fn, CPtrRef* adoptedHolder, const void* object)
@@ -34,6 +36,9 @@ public:
             holder->AddRef();
     }
 
+#ifdef LYR_CONTRACT_ONLY
+    CFunctor& operator=(const CFunctor&) = delete; // not the implicit one, which would miscount
+#else
     CFunctor& operator=(const CFunctor& other)
     {
         if (other.holder)
@@ -45,6 +50,7 @@ public:
         target = other.target;
         return *this;
     }
+#endif
 
     ~CFunctor()
     {
@@ -54,10 +60,12 @@ public:
 
     R operator()(Args... args) const { return wrapper(target, std::forward<Args>(args)...); }
 
+#ifndef LYR_CONTRACT_ONLY
     // Two functors match when they would make the same call: same wrapper on the same object.
     // Copies of one functor therefore match, and Unsubscribe takes a copy of what was subscribed.
     bool operator==(const CFunctor& other) const { return wrapper == other.wrapper && target == other.target; }
     bool operator!=(const CFunctor& other) const { return !(*this == other); }
+#endif
 };
 
 namespace INTERNAL {
@@ -70,6 +78,7 @@ template <typename T, typename R> struct CMemberFunctorFactory0 {
     }
 };
 
+#ifndef LYR_CONTRACT_ONLY
 // A callable kept alive by its own reference-count block; the count stands first, so the block
 // and its CPtrRef share an address.
 template <typename F> struct CFunctorBlock {
@@ -86,6 +95,7 @@ template <typename F> struct CFunctorBlock {
         return self->callable(std::forward<Args>(args)...);
     }
 };
+#endif
 
 } // namespace INTERNAL
 
@@ -95,6 +105,7 @@ template <typename T, typename R, R (T::*Method)()> CFunctor<R()> MakeMemberFunc
     return CFunctor<R()>(&INTERNAL::CMemberFunctorFactory0<T, R>::template Wrapper<Method>, nullptr, object);
 }
 
+#ifndef LYR_CONTRACT_ONLY
 // A functor that owns a copy of `callable` (a lambda, say) through a reference-count block.
 template <typename Sig, typename F> CFunctor<Sig> MakeFunctor(F callable);
 
@@ -109,5 +120,6 @@ template <typename Sig, typename F> CFunctor<Sig> MakeFunctor(F callable)
 {
     return MakeFunctorImpl(std::move(callable), static_cast<Sig*>(nullptr));
 }
+#endif
 
 } // namespace Kt

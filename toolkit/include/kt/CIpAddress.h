@@ -9,7 +9,6 @@ namespace Kt {
 class CIpAddress {
 public:
     CIpAddress() = default;
-    explicit CIpAddress(std::uint32_t hostOrder) : address(hostOrder) {}
     ~CIpAddress();
 
     // The address that stands for "none": 0.0.0.0.
@@ -17,14 +16,16 @@ public:
 
     // Dotted decimal; the flag asks for a zero-padded form ("010.000.000.001") when true.
     std::string GetIp(bool padded) const;
+    bool IsMulticast() const { return (address >> 28) == 0xE; }
+    bool operator!=(const CIpAddress& other) const { return address != other.address; }
+
+#ifndef LYR_CONTRACT_ONLY // beyond the plug-in's contract: for the framework, hosts and tests
+    explicit CIpAddress(std::uint32_t hostOrder) : address(hostOrder) {}
     // Parses dotted decimal ("192.0.2.1"); false, leaving `result` alone, on anything else.
     static bool Parse(const std::string& text, CIpAddress& result);
-
-    bool IsMulticast() const { return (address >> 28) == 0xE; }
     std::uint32_t ToUint32() const { return address; }
-
     bool operator==(const CIpAddress& other) const { return address == other.address; }
-    bool operator!=(const CIpAddress& other) const { return address != other.address; }
+#endif
 
 private:
     std::uint32_t address = 0;

@@ -9,13 +9,15 @@ namespace Kt {
 class CMacAddress {
 public:
     CMacAddress() = default; // 00:00:00:00:00:00
-    explicit CMacAddress(unsigned long long value) : address(value & 0xFFFFFFFFFFFFULL) {}
     ~CMacAddress();
 
     operator unsigned long long() const { return address; }
 
+#ifndef LYR_CONTRACT_ONLY // beyond the plug-in's contract: for the framework, hosts and tests
+    explicit CMacAddress(unsigned long long value) : address(value & 0xFFFFFFFFFFFFULL) {}
     std::string ToString() const; // "01:00:5e:00:00:01"
     static bool Parse(const std::string& text, CMacAddress& result);
+#endif
 
 private:
     unsigned long long address = 0;

@@ -14,6 +14,7 @@ public:
 
     CSlice() = default;
 
+#ifndef LYR_CONTRACT_ONLY // beyond the plug-in's contract: for the framework, hosts and tests
     // A new view on elements of `owner`, taking a reference of its own.
     CSlice(CPtrRef* sharedOwner, T* first, unsigned int count) : owner(sharedOwner), data(first), size(count)
     {
@@ -30,6 +31,7 @@ public:
         slice.size = count;
         return slice;
     }
+#endif
 
     CSlice(const CSlice& other) : owner(other.owner), data(other.data), size(other.size)
     {
@@ -61,7 +63,12 @@ public:
 
     // Same owner and start, `newSize` elements. Not checked against `size`: the caller answers for
     // the room behind `data`.
-    CSlice Prefix(unsigned int newSize) const { return CSlice(owner, data, newSize); }
+    CSlice Prefix(unsigned int newSize) const
+    {
+        CSlice prefix(*this);
+        prefix.size = newSize;
+        return prefix;
+    }
 };
 
 } // namespace Kt
