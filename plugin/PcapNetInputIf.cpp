@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <exception>
+#include <thread>
 
 namespace {
 
@@ -21,6 +22,11 @@ constexpr unsigned int BufferCount = 1000;
 // The instance whose ReadInterface runs on the calling thread, if any: tells a subscriber's call
 // from a framework thread's.
 thread_local const PcapNetInputIf* captureInstance = nullptr;
+// The instance that a subscriber deleted on this capture thread. Only its address is kept, to be
+// compared: the thread finishes its last pass without touching the object again.
+thread_local const void* deletedInstance = nullptr;
+// How long a capture thread whose instance is gone waits for the Cancel that ends it.
+constexpr unsigned int DeletedWaitMs = 3600000;
 
 } // namespace
 
@@ -43,7 +49,12 @@ PcapNetInputIf::PcapNetInputIf() : bufferPool(new Lyr::BufferPool(BufferCount, M
 
 PcapNetInputIf::~PcapNetInputIf()
 {
-    PcapNetInputIf::Stop();
+    // A subscriber that deletes its input runs on the capture thread, which cannot wait for its
+    // own end; the thread and the handle are left to end behind the object.
+    if (IsCaptureThread())
+        LeaveCaptureThread();
+    else
+        PcapNetInputIf::Stop();
     // Buffers that subscribers still hold outlive the pool; the pool frees them at their end.
     delete bufferPool;
 }
@@ -146,7 +157,34 @@ bool PcapNetInputIf::ReadInterface()
     ResetCounters();
     if (EnterCapture())
         pcap_loop(pcapHandle, -1, &PcapNetInputIf::PcapLoopHandler, reinterpret_cast<unsigned char*>(this));
+    // A subscriber deleted this instance during the loop: its memory is gone, so no other pass
+    // may start. The thread waits here for the Cancel that LeaveCaptureThread has ordered.
+    if (deletedInstance == this)
+        Kt::CThread::Sleep(DeletedWaitMs);
     return true;
+}
+
+// The destructor on the capture thread, inside a subscriber. The subscribers whose turn has not
+// come still get the frame in hand (the delegate copied them all before the first call), but no
+// later packet reaches anyone: the loop is broken and the handler drops what libpcap still hands
+// over. The handle must outlive the pcap_loop on this stack, and the thread cannot join itself,
+// so a helper thread cancels and deletes the capture thread, then closes the handle.
+void PcapNetInputIf::LeaveCaptureThread()
+{
+    std::unique_lock<std::mutex> lock(stateMutex);
+    deletedInstance = this;
+    if (pcapHandle)
+        pcap_breakloop(pcapHandle);
+    Kt::CThread* thread = captureThread;
+    pcap_t* handle = pcapHandle;
+    captureThread = nullptr;
+    pcapHandle = nullptr;
+    std::thread([thread, handle] {
+        thread->Cancel();
+        delete thread;
+        if (handle)
+            pcap_close(handle);
+    }).detach();
 }
 
 bool PcapNetInputIf::EnterCapture()
@@ -220,6 +258,8 @@ void PcapNetInputIf::PcapLoopHandler(unsigned char* user, const pcap_pkthdr* hea
 {
     // No exception may unwind through libpcap's C frames. A subscriber that throws loses the
     // rest of this one delivery; the capture goes on with the next packet.
+    if (user == deletedInstance)
+        return; // deleted by a subscriber; the loop is broken and ends after this batch
     try {
         reinterpret_cast<PcapNetInputIf*>(user)->HandlePacket(header, packet);
     } catch (const std::exception& error) {

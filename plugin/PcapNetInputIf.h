@@ -28,7 +28,8 @@ public:
 
     void Start() override;
     // Ends the capture thread and closes the handle. Refused (with a message) on the capture
-    // thread itself, that is from a subscriber: a thread cannot wait for its own end.
+    // thread itself, that is from a subscriber: a thread cannot wait for its own end. A
+    // subscriber may delete the instance, though: the capture then ends behind it.
     void Stop() override;
     bool Configure(const std::string& deviceName, const Kt::CIpAddress& address, unsigned int port) override;
     NetInputCounters GetCounters() override;
@@ -48,6 +49,7 @@ private:
     bool EnterCapture();
     bool OpenFailed(const char* format);
     bool IsCaptureThread() const;
+    void LeaveCaptureThread();
 
     pcap_t* pcapHandle = nullptr;
     std::string captureFilter;

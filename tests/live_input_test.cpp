@@ -96,7 +96,7 @@ protected:
     bool WaitUntilCapturing(uint32_t dstIp = Host, uint16_t dstPort = Port)
     {
         const size_t before = collector.Count(MarkerTag);
-        for (auto deadline = Clock::now() + 5s; Clock::now() < deadline;) {
+        for (auto deadline = Clock::now() + 30s; Clock::now() < deadline;) {
             wire->Send(Udp(dstIp, dstPort, MarkerTag, 0));
             if (collector.WaitFor(MarkerTag, before + 1, 20ms))
                 return true;
@@ -122,41 +122,46 @@ TEST_F(LiveInput, ConfigureStoresTheFilterFirstKeepsTheLastFoundDeviceAndARefuse
 {
     LogCapture log;
     PcapNetInputIf input;
-    EXPECT_FALSE(input.Configure("nosuch0", Any, 0)); // a failed first Configure leaves no device
-    EXPECT_EQ(PcapNetInputIfProbe::Device(input), "");
-
-    EXPECT_TRUE(input.Configure(Device(), Kt::CIpAddress(Host), Port));
-    EXPECT_EQ(PcapNetInputIfProbe::Filter(input), "dst host 10.0.0.2 && dst port 5000");
-    EXPECT_EQ(PcapNetInputIfProbe::Device(input), Device());
-
-    // Device names compare exactly, case included; the filter is replaced all the same.
-    EXPECT_FALSE(input.Configure("LYRVETH0", Any, 80));
-    EXPECT_EQ(PcapNetInputIfProbe::Filter(input), "dst port 80");
-    EXPECT_EQ(PcapNetInputIfProbe::Device(input), Device());
-
-    // libpcap refuses a port beyond 16 bits; the refused text stays, the device search is skipped.
+    const std::string missing = "The selected interface could not be found.\n";
     const std::string refused = "Couldn't install filter dst port 70000: ";
-    EXPECT_FALSE(input.Configure("nosuch0", Any, 70000));
-    EXPECT_EQ(PcapNetInputIfProbe::Filter(input), "dst port 70000");
-    EXPECT_EQ(PcapNetInputIfProbe::Device(input), Device());
-    const auto lines = log.Take();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0], "Error attempting to configure interface(nosuch0). The selected interface could not be found.\n");
-    EXPECT_EQ(lines[1], "Error attempting to configure interface(LYRVETH0). The selected interface could not be found.\n");
-    EXPECT_EQ(lines[2].rfind(refused, 0), 0u) << lines[2];
+    // Device, address, port; whether Configure succeeds, the filter and the device it leaves, and
+    // the start of its message. Names compare exactly, case included; a refused filter skips the
+    // device search; the filter is stored either way.
+    const struct {
+        std::string device;
+        Kt::CIpAddress address;
+        unsigned int port;
+        bool bOk;
+        std::string filter, deviceLeft, message;
+    } cases[] = {
+        {"nosuch0", Any, 0, false, "", "", "Error attempting to configure interface(nosuch0). " + missing},
+        {Device(), Kt::CIpAddress(Host), Port, true, "dst host 10.0.0.2 && dst port 5000", Device(), ""},
+        {"LYRVETH0", Any, 80, false, "dst port 80", Device(), "Error attempting to configure interface(LYRVETH0). " + missing},
+        {"nosuch0", Any, 70000, false, "dst port 70000", Device(), refused},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.device + " " + c.filter);
+        EXPECT_EQ(input.Configure(c.device, c.address, c.port), c.bOk);
+        EXPECT_EQ(PcapNetInputIfProbe::Filter(input), c.filter);
+        EXPECT_EQ(PcapNetInputIfProbe::Device(input), c.deviceLeft);
+        const auto lines = log.Take();
+        ASSERT_EQ(lines.size(), c.message.empty() ? 0u : 1u);
+        if (!c.message.empty()) {
+            EXPECT_EQ(lines[0].rfind(c.message, 0), 0u) << lines[0];
+        }
+    }
 
-    // Started so, the capture thread tries once a second, and Stop cuts its sleep short.
+    // Started so, the capture thread tries again after a pause of a second each time, and Stop
+    // cuts that pause short: it returns well before the pause that has just begun would end.
     input.Start();
-    const auto attempts = log.WaitFor(refused, 2, 5s);
+    const auto attempts = log.WaitFor(refused, 2, 30s);
     ASSERT_EQ(attempts.size(), 2u);
-    EXPECT_GT(attempts[1].when - attempts[0].when, 900ms);
-    EXPECT_LT(attempts[1].when - attempts[0].when, 1500ms);
+    EXPECT_GE(attempts[1].when - attempts[0].when, 1s);
     // The failed open left its activated handle: the figures are there, with no message.
     const NetInputCounters counters = input.GetCounters();
     EXPECT_EQ(counters.frameCount + counters.dropCount, 0u);
-    const auto stopStart = Clock::now();
     input.Stop();
-    EXPECT_LT(Clock::now() - stopStart, 500ms);
+    EXPECT_LT(Clock::now() - attempts[1].when, 900ms);
     EXPECT_EQ(log.Take().size(), 2u);
 
     // An empty filter compiles too, and clears the earlier one.
@@ -177,7 +182,7 @@ TEST_F(LiveInput, FramesArriveWholeInOrderStampedAndCounted)
         sent.push_back(Udp(i % 2 ? Host : OtherHost, static_cast<uint16_t>(Port + i % 3), DataTag, i, 18 + (i * 37) % 1454));
         ASSERT_TRUE(wire->Send(sent.back()));
     }
-    ASSERT_TRUE(collector.WaitFor(DataTag, sent.size(), 5s));
+    ASSERT_TRUE(collector.WaitFor(DataTag, sent.size(), 30s));
     const unsigned long long receiveEnd = WallMicros();
     EXPECT_EQ(ThreadsNamed("LYR-PcapInIf"), 1);
 
@@ -203,7 +208,7 @@ TEST_F(LiveInput, FramesArriveWholeInOrderStampedAndCounted)
     const NetInputCounters reset = input.GetCounters();
     EXPECT_EQ(reset.frameCount + reset.byteCount + reset.dropCount, 0u);
     ASSERT_TRUE(wire->Send(sent[0]));
-    ASSERT_TRUE(collector.WaitFor(DataTag, 1, 5s));
+    ASSERT_TRUE(collector.WaitFor(DataTag, 1, 30s));
     EXPECT_EQ(input.GetCounters().frameCount, 1u);
     EXPECT_EQ(input.GetCounters().byteCount, sent[0].size());
 
@@ -227,7 +232,7 @@ TEST_F(LiveInput, StartAndStopInAnyOrderAndAFilterLetsOnlyMatchingTrafficThrough
     ASSERT_TRUE(wire->Send(fixture::EthernetFrame(0xffffffffffff, 0x0a0000000001, fixture::kEtherTypeArp,
                                                   fixture::ArpPacket(1, 0x0a0000000001, OtherHost, 0, Host))));
     ASSERT_TRUE(wire->Send(Udp(Host, Port, DataTag, 3)));
-    ASSERT_TRUE(collector.WaitFor(DataTag, 1, 5s));
+    ASSERT_TRUE(collector.WaitFor(DataTag, 1, 30s));
     std::vector<Seen> seen = collector.Take();
     ASSERT_FALSE(seen.empty());
     EXPECT_EQ(seen.back().bytes, Udp(Host, Port, DataTag, 3));
@@ -239,7 +244,7 @@ TEST_F(LiveInput, StartAndStopInAnyOrderAndAFilterLetsOnlyMatchingTrafficThrough
     input.Start(); // started already: no new open
     ASSERT_TRUE(wire->Send(Udp(OtherHost, Port, DataTag, 4)));
     ASSERT_TRUE(wire->Send(Udp(Host, Port, DataTag, 5)));
-    ASSERT_TRUE(collector.WaitFor(DataTag, 1, 5s));
+    ASSERT_TRUE(collector.WaitFor(DataTag, 1, 30s));
     seen = collector.Take();
     ASSERT_EQ(seen.size(), 1u);
     EXPECT_EQ(seen[0].bytes, Udp(Host, Port, DataTag, 5));
@@ -249,7 +254,7 @@ TEST_F(LiveInput, StartAndStopInAnyOrderAndAFilterLetsOnlyMatchingTrafficThrough
     input.Start();
     ASSERT_TRUE(WaitUntilCapturing(OtherHost, 9));
     ASSERT_TRUE(wire->Send(Udp(OtherHost, Port, DataTag, 6)));
-    ASSERT_TRUE(collector.WaitFor(DataTag, 1, 5s));
+    ASSERT_TRUE(collector.WaitFor(DataTag, 1, 30s));
 } // destroyed while started
 
 TEST_F(LiveInput, CaptureSurvivesTheDeviceVanishingAndResumesWithFreshCounters)
@@ -261,13 +266,11 @@ TEST_F(LiveInput, CaptureSurvivesTheDeviceVanishingAndResumesWithFreshCounters)
 
     wire.reset();
     ASSERT_TRUE(NetworkSandbox::Get().DeletePair());
-    const auto failures = log.WaitFor("Failed to activate: ", 3, 6s);
+    const auto failures = log.WaitFor("Failed to activate: ", 3, 30s);
     ASSERT_TRUE(NetworkSandbox::Get().CreatePair());
     ASSERT_EQ(failures.size(), 3u);
-    for (size_t i = 1; i < failures.size(); ++i) {
-        EXPECT_GT(failures[i].when - failures[i - 1].when, 900ms);
-        EXPECT_LT(failures[i].when - failures[i - 1].when, 1500ms);
-    }
+    for (size_t i = 1; i < failures.size(); ++i) // a pause between attempts, not a busy retry
+        EXPECT_GE(failures[i].when - failures[i - 1].when, 1s);
     EXPECT_NE(failures[0].text.find("No such device"), std::string::npos) << failures[0].text;
 
     wire.emplace(NetworkSandbox::Get().Second());
@@ -301,7 +304,7 @@ TEST_F(LiveInput, SubscribersMayReadCountersButNotStopTheirOwnThreadAndASlowOneM
     ASSERT_TRUE(Capture(input));
     ASSERT_TRUE(wire->Send(Udp(Host, Port, DataTag, 1)));
     ASSERT_TRUE(wire->Send(Udp(Host, Port, DataTag, 2)));
-    ASSERT_TRUE(collector.WaitFor(DataTag, 2, 5s)); // the capture went on after the refused Stop
+    ASSERT_TRUE(collector.WaitFor(DataTag, 2, 30s)); // the capture went on after the refused Stop
     ASSERT_EQ(countsSeen.size(), 2u);
     EXPECT_EQ(countsSeen[1], countsSeen[0] + 1); // each includes the frame being delivered
     EXPECT_EQ(log.WaitFor("Stop called from the capture thread is refused", 2, 0s).size(), 2u);
@@ -364,7 +367,7 @@ TEST_F(LiveInput, StartStopStormWithTrafficNeverHangsNorDeliversAfterStop)
         bStopped = false;
         input.Start();
         if (cycle % 40 == 0) {
-            waited += collector.WaitFor(DataTag, collector.Count(DataTag) + 1, 2s);
+            waited += collector.WaitFor(DataTag, collector.Count(DataTag) + 1, 30s);
         } else { // stop at once or after a short, random spin
             for (auto until = Clock::now() + std::chrono::microseconds(random() % 100); Clock::now() < until;) {
             }
@@ -378,4 +381,32 @@ TEST_F(LiveInput, StartStopStormWithTrafficNeverHangsNorDeliversAfterStop)
     configurer.join();
     EXPECT_EQ(late.load(), 0);
     EXPECT_EQ(waited, cycles / 40);
+}
+
+// A subscriber that deletes its input: the subscribers whose turn has come later still get the
+// frame in hand, no later frame reaches anyone, and the capture thread ends on its own. Several
+// rounds, so that the delete lands in different states of libpcap's batch; AddressSanitizer
+// and ThreadSanitizer watch the object's memory and the handle.
+TEST_F(LiveInput, ASubscriberMayDeleteItsInputAndTheCaptureEndsBehindIt)
+{
+    for (int round = 0; round < 5; ++round) {
+        auto* input = new PcapNetInputIf;
+        ASSERT_TRUE(input->Configure(Device(), Any, 0));
+        std::atomic<bool> bDeleted{false};
+        input->Subscribe(Subscriber([&bDeleted, input](const Lyr::EthFrame& frame) {
+            if (TagOf(Bytes(frame)) == DataTag && !bDeleted.exchange(true))
+                delete input;
+        }));
+        ASSERT_TRUE(Capture(*input));
+        for (uint32_t i = 0; !bDeleted && i < 100000; ++i)
+            ASSERT_TRUE(wire->Send(Udp(Host, Port, DataTag, i)));
+        ASSERT_TRUE(bDeleted);
+        for (auto deadline = Clock::now() + 30s; ThreadsNamed("LYR-PcapInIf") != 0 && Clock::now() < deadline;)
+            std::this_thread::sleep_for(10ms);
+        EXPECT_EQ(ThreadsNamed("LYR-PcapInIf"), 0);
+        for (uint32_t i = 0; i < 20; ++i)
+            ASSERT_TRUE(wire->Send(Udp(Host, Port, DataTag, i)));
+        EXPECT_EQ(collector.Count(DataTag), 1u);
+        collector.Take();
+    }
 }
