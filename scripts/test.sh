@@ -5,8 +5,16 @@
 #                            ThreadSanitizer (the tests that run threads), the 32-bit ARM
 #                            build under qemu-arm (scripts/test-arm.sh) and a minute of the
 #                            capture-file fuzz target: what CI runs
+#   scripts/test.sh --load   the release and ThreadSanitizer suites with busy loops on every
+#                            core beside them (LOAD_LOOPS, default 2): the tests judge behaviour,
+#                            never the machine's speed, so they must pass on a busy machine too
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+mode=${1:-}
+case "$mode" in
+    "" | --all | --load) ;;
+    *) echo "usage: $0 [--all | --load]" >&2; exit 2 ;;
+esac
 "$root/scripts/install-deps.sh"
 
 run_suite() { # flavour, then ctest arguments
@@ -16,12 +24,31 @@ run_suite() { # flavour, then ctest arguments
     echo "=== $flavour tests"
     ctest --test-dir "$root/build/$flavour" --no-tests=error --output-on-failure --timeout 300 -j2 "$@"
 }
+tsan_suite() {
+    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_suite tsan -L threads
+}
+
+if [ "$mode" = --load ]; then
+    # Built first, so that the load meets the tests and not the compiler.
+    "$root/scripts/build.sh" release >/dev/null
+    "$root/scripts/build.sh" tsan >/dev/null
+    loops=()
+    trap 'kill "${loops[@]}" 2>/dev/null' EXIT
+    for _ in $(seq 1 "${LOAD_LOOPS:-2}"); do
+        (while :; do :; done) &
+        loops+=($!)
+    done
+    echo "=== ${#loops[@]} busy loops beside the tests"
+    run_suite release
+    tsan_suite
+    exit
+fi
 
 run_suite release
-if [ "${1:-}" = "--all" ]; then
+if [ "$mode" = --all ]; then
     # halt_on_error: a sanitizer report fails the test instead of scrolling past.
     ASAN_OPTIONS=detect_leaks=1:halt_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_suite asan
-    TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_suite tsan -L threads
+    tsan_suite
     "$root/scripts/test-arm.sh"
     echo "=== fuzz"
     "$root/scripts/fuzz.sh" 60

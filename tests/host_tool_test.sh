@@ -30,6 +30,7 @@ check "RAW multicast gets a group address" \
     bash -c "'$lyrcap' replay '$raw' 2>/dev/null | grep -q '01:00:5e:00:00:01 > 00:00:00:00:00:00  0x0800 IPv4'"
 check "bad count is a usage error" test "$(status "$lyrcap" replay "$eth" --count 0)" = 2
 check "unknown option is a usage error" test "$(status "$lyrcap" info --bogus)" = 2
+check "unknown option before the command is a usage error" test "$(status "$lyrcap" --bogus info "$eth")" = 2
 check "unknown command is a usage error" test "$(status "$lyrcap" bogus)" = 2
 check "missing file fails" test "$(status "$lyrcap" info "$dir/none.pcap")" = 1
 check "missing file is named" grep -q "Error reading pcap file" "$dir/err"
@@ -42,6 +43,22 @@ check "replay --seek 50 starts behind the first frame at 50 ms" \
     test "$(status "$lyrcap" replay "$eth" --seek 50; cat "$dir/out")" = "$(printf '0\n%s' "$after50")"
 check "replay --seek beyond the duration fails" test "$(status "$lyrcap" replay "$eth" --seek 100000)" = 1
 check "the refused seek says how long the file lasts" grep -q "cannot seek to 100000 ms: .* lasts [0-9]* ms" "$dir/err"
+duration=$("$lyrcap" info "$eth" 2>/dev/null | awk '/^duration:/ {print $2}')
+check "replay --seek to the duration itself fails" test "$(status "$lyrcap" replay "$eth" --seek "$duration")" = 1
+
+# Ctrl-C: the replay writes into a pipe that this script holds and has stopped reading, so it
+# is still replaying when the signal comes, however fast the machine.
+"$make_fixture" bench "$dir/long.pcap" --packets 20000 --size 64 >/dev/null
+mkfifo "$dir/pipe"
+"$lyrcap" replay "$dir/long.pcap" >"$dir/pipe" 2>"$dir/err" & pid=$!
+exec 3<"$dir/pipe"
+read -r _ <&3
+kill -INT "$pid"
+cat <&3 >/dev/null
+exec 3<&-
+wait "$pid"
+check "an interrupted replay exits 130" test $? = 130
+check "an interrupted replay still sums up" grep -q "^[0-9]* frames, " "$dir/err"
 
 # Conversion: tcpdump must see the same packets, bytes and stamps in the copy of a capture of
 # frames, in whatever format it came.
