@@ -59,12 +59,16 @@ void PcapNetOutputIf::ConfigureIf(const std::string& deviceName)
     WaitForPendingFrames();
     ClosePort();
     char errbuf[PCAP_ERRBUF_SIZE] = "";
+    // The port only transmits. The snap length bounds what a handle captures, not what
+    // pcap_inject sends, so 8192 (below MaxFrameSize) cuts no frame short; promiscuity and the
+    // read timeout concern capture as well.
     pcapHandle = pcap_open_live(deviceName.c_str(), 8192, 0, -1, errbuf);
     if (!pcapHandle) {
         Kt::MyPrintf("Failed to open port for transmitting: %s\n", errbuf);
     } else if (sendBufferSize != 0) {
         // A negative size goes to the system as it is, and the result is not looked at: the
-        // port works with whatever buffer the system grants.
+        // port works with whatever buffer the system grants. 4 is the size of the int that
+        // SO_SNDBUF takes, on 32-bit ARM and x86-64 alike.
         setsockopt(pcap_fileno(pcapHandle), SOL_SOCKET, SO_SNDBUF, &sendBufferSize, 4);
     }
     configState = ConfigState_Ready;
