@@ -144,11 +144,6 @@ Kt::CSlice<unsigned char> BufferPool::GetBuffer()
     return Kt::CSlice<unsigned char>::Adopt(&block.ref, storage->memory.data() + std::size_t(index) * size, size);
 }
 
-unsigned int BufferPool::GetBufferSize() const
-{
-    return storage->bufferSize;
-}
-
 unsigned int BufferPool::GetFreeCount() const
 {
     return FreeOf(storage->head.load());

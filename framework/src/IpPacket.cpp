@@ -17,11 +17,6 @@ bool IpPacket::IsValid() const
     return bytes.data && bytes.size >= MinIpv4HeaderSize && (bytes.data[0] >> 4) == 4;
 }
 
-unsigned char IpPacket::GetProtocol() const
-{
-    return IsValid() ? bytes.data[9] : 0;
-}
-
 static Kt::CIpAddress AddressAt(const unsigned char* at)
 {
     return Kt::CIpAddress((std::uint32_t(at[0]) << 24) | (std::uint32_t(at[1]) << 16) | (std::uint32_t(at[2]) << 8) |

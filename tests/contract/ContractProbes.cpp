@@ -72,7 +72,7 @@ void Use(Lyr::BufferPool& pool, Lyr::NetOutputIf& output, const Kt::CIpAddress& 
 #elif PROBE == 16
     Kt::CMacAddress made(1);
 #elif PROBE == 17
-    thread.GetName();
+    (void)address.ToUint32();
 #elif PROBE == 18
     Kt::MakeFunctor<void()>([] {});
 #elif PROBE == 19

@@ -112,14 +112,4 @@ void CThread::Sleep(unsigned int milliseconds)
     self->wake.wait_for(lock, std::chrono::milliseconds(milliseconds), [self] { return self->bCancelled; });
 }
 
-bool CThread::IsCurrentCancelled()
-{
-    return currentThread && Cancelled(currentThread);
-}
-
-const std::string& CThread::GetName() const
-{
-    return state->name;
-}
-
 } // namespace Kt

@@ -18,7 +18,6 @@ public:
     Kt::CSlice<unsigned char> GetBuffer();
 
 #ifndef LYR_CONTRACT_ONLY // beyond the plug-in's contract: for hosts and tests
-    unsigned int GetBufferSize() const;
     unsigned int GetFreeCount() const;
     unsigned long long GetOverflowCount() const;
 #endif

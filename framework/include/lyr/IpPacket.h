@@ -16,7 +16,6 @@ public:
     Kt::CIpAddress GetDstAddress() const;
 #ifndef LYR_CONTRACT_ONLY // beyond the plug-in's contract: for hosts and tests
     bool IsValid() const; // version 4 and a whole 20-byte header
-    unsigned char GetProtocol() const;
     Kt::CIpAddress GetSrcAddress() const;
 #endif
 

@@ -27,13 +27,6 @@ public:
     // Blocks the calling thread for `milliseconds`; in a CThread a Cancel cuts it short.
     static void Sleep(unsigned int milliseconds);
 
-#ifndef LYR_CONTRACT_ONLY // beyond the plug-in's contract: for hosts and tests
-    // True when the calling thread is a CThread that has been cancelled.
-    static bool IsCurrentCancelled();
-
-    const std::string& GetName() const;
-#endif
-
     struct State; // the thread's own; defined in the toolkit
 
 private:
