@@ -10,6 +10,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <climits>
@@ -58,40 +59,54 @@ struct Settings {
 };
 
 // Where each frame goes on the scheduler's clock: the file's gaps divided by the speed, each
-// pass behind the last one by one average gap.
+// pass behind the last one by one average gap. Times are whole microseconds throughout, as the
+// file and the scheduler count them; the speed, a ratio, is applied once to a frame's distance
+// from the first stamp and rounded there, so that at speed 1 no double is involved at all.
 class Timeline {
 public:
-    Timeline(unsigned long long firstTimestamp, const Settings& settings) : speed(settings.speed), bTopSpeed(settings.bTopSpeed)
+    Timeline(unsigned long long firstTimestamp, const Settings& settings)
+        : speed(settings.speed), bTopSpeed(settings.bTopSpeed), first(firstTimestamp)
     {
-        first = firstTimestamp;
         passStart = first > LeadUs ? first : LeadUs;
         Lyr::PreciseScheduler::GetInstance().SetPresentTimestamp(passStart - LeadUs);
         last = passStart;
     }
 
     // At top speed every frame is due at the start: equal times leave in the order they came.
+    // A stamp before the first goes as far before the pass's start, but not below 0.
     unsigned long long Place(unsigned long long timestamp)
     {
         ++framesInPass;
         if (bTopSpeed)
             return passStart - LeadUs;
-        const double offset = std::llround((static_cast<double>(timestamp) - static_cast<double>(first)) / speed);
-        const double placed = static_cast<double>(passStart) + offset;
-        last = placed > 0 ? static_cast<unsigned long long>(placed) : 0;
+        last = timestamp >= first ? Sum(passStart, Scaled(timestamp - first))
+                                  : passStart - std::min(passStart, Scaled(first - timestamp));
         return last;
     }
 
     void NextPass()
     {
         const unsigned long long span = last > passStart ? last - passStart : 0;
-        passStart = last + (framesInPass > 1 ? span / (framesInPass - 1) : 0);
+        passStart = Sum(last, framesInPass > 1 ? span / (framesInPass - 1) : 0);
         framesInPass = 0;
     }
 
 private:
+    // Times beyond the range stay at its end rather than wrap to the start.
+    static unsigned long long Sum(unsigned long long a, unsigned long long b) { return b < ULLONG_MAX - a ? a + b : ULLONG_MAX; }
+
+    // A distance in file time as a distance on the scheduler's clock, to the nearest microsecond.
+    unsigned long long Scaled(unsigned long long distance) const
+    {
+        if (speed == 1)
+            return distance;
+        const double scaled = std::round(static_cast<double>(distance) / speed);
+        return scaled < 0x1p64 ? static_cast<unsigned long long>(scaled) : ULLONG_MAX;
+    }
+
     const double speed;
     const bool bTopSpeed;
-    unsigned long long first = 0;
+    const unsigned long long first;
     unsigned long long passStart = 0;
     unsigned long long last = 0;
     unsigned long long framesInPass = 0;

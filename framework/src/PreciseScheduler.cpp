@@ -1,111 +1,46 @@
 #include <lyr/PreciseScheduler.h>
 
+#include "EventIntake.h"
 #include "EventQueue.h"
-#include "LatenessHistogram.h"
+#include "RunStatistics.h"
+#include "SchedulerClock.h"
+#include "SchedulerWaiting.h"
 
 #include <kt/MyPrintf.h>
 
 #include <pthread.h>
-#include <sys/prctl.h>
 #include <time.h>
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <cstdint>
 #include <exception>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 namespace Lyr {
 
 namespace {
-
-using Nanoseconds = std::int64_t;
-using Clock = std::chrono::steady_clock;
-
-Nanoseconds Monotonic()
-{
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
-}
-
-Clock::time_point MonotonicPoint(Nanoseconds at)
-{
-    return Clock::time_point(std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(at)));
-}
-
-unsigned long long WallClockMicroseconds()
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<unsigned long long>(now.tv_sec) * 1000000 + static_cast<unsigned long long>(now.tv_nsec) / 1000;
-}
-
-// The thread sleeps until this long before an event is due and spins the rest. A sleeping thread
-// wakes late by a margin that differs from machine to machine; on a virtual machine about one
-// sleep in a thousand wakes a millisecond or more late, and even a punctual wake from an idle
-// core puts tens of microseconds of jitter on the way to the wire. A stretch fitted to recent
-// wake-ups (tried: one and a half times the worst of the last 256, at least 20 or 300 µs) cut
-// the CPU of a replay with 1 ms gaps to a quarter or a third, but its 99th percentile of gap
-// error on the wire rose from about 3 µs to 5 to 40 µs, no better than a sender that spins all
-// the time. So events less than this apart are spun through, as a sender that keeps time must;
-// with nothing due the thread sleeps and costs nothing.
-constexpr Nanoseconds SpinNs = 1000000;
-// How long the thread keeps looking for a new event once the queue is empty.
-constexpr Nanoseconds EmptyQueueSpin = 50000;
-
-// One step of a busy wait: tells the processor, without giving the thread up.
-inline void Pause()
-{
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#elif defined(__arm__) || defined(__aarch64__)
-    asm volatile("yield");
-#endif
-}
-
-// Deadlines more than this far from the reference are held there, so that nanoseconds on the
-// monotonic clock stay within 63 bits: about a hundred years either way.
-constexpr unsigned long long FarthestUs = 3000000000000000ULL;
-
-// The present as one signed sum of nanoseconds holds timestamps up to about the year 2250.
-constexpr unsigned long long LargestPresentUs = 9000000000000000ULL;
 
 // While events are due one after the other, the thread takes in newly scheduled ones after
 // this many: often enough that a newcomer waits little, seldom enough that a sender handing over
 // frames as fast as they leave does not meet the thread at the intake's lock for every frame.
 constexpr unsigned int DueBurst = 64;
 
-// sleepingUntil when the thread is not asleep: no new event needs to wake it.
-constexpr Nanoseconds Awake = INT64_MIN;
-constexpr Nanoseconds Forever = INT64_MAX;
-
 } // namespace
 
-// Senders put events into the intake, under a lock of its own that they hold for a push only;
-// the thread moves the intake into its own EventQueue now and then and runs events from there
-// without any lock. So a sender and the thread meet only briefly, once for many events.
+// The scheduler's pieces and the thread's loop: senders push into the intake, with deadlines
+// from the reference; the thread moves what they pushed into its own queue, runs what is due
+// and waits in between as `waiting` decides.
 struct PreciseScheduler::State {
     State()
     {
-        referenceTimestampUs = WallClockMicroseconds();
-        referenceNs = Monotonic();
-        presentOffsetNs.store(static_cast<Nanoseconds>(referenceTimestampUs) * 1000 - referenceNs);
-        intake.reserve(1024);
-        taken.reserve(1024);
+        reference.Set(WallClockMicroseconds());
         thread = std::thread([this] { Run(); });
         pthread_setname_np(thread.native_handle(), "LYR-Scheduler");
     }
 
     ~State()
     {
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            stopping.store(true, std::memory_order_relaxed);
-        }
-        wake.notify_all();
+        intake.AnnounceEnd();
+        waiting.Wake();
         // An event that ends the process runs this on the thread itself, which cannot join itself.
         if (thread.get_id() == std::this_thread::get_id())
             thread.detach();
@@ -114,95 +49,29 @@ struct PreciseScheduler::State {
         // What is still queued is dropped here with the queues.
     }
 
-    // The monotonic moment of a timestamp, through the reference. Called with the lock held.
-    Nanoseconds DeadlineOf(unsigned long long timestampUs) const
-    {
-        if (timestampUs >= referenceTimestampUs)
-            return referenceNs + static_cast<Nanoseconds>(std::min(timestampUs - referenceTimestampUs, FarthestUs)) * 1000;
-        return referenceNs - static_cast<Nanoseconds>(std::min(referenceTimestampUs - timestampUs, FarthestUs)) * 1000;
-    }
-
     void Run()
     {
-        // Timers of this thread fire within a microsecond of their time instead of the 50 µs
-        // of slack that the kernel grants ordinary threads.
-        prctl(PR_SET_TIMERSLACK, 1000UL, 0UL, 0UL, 0UL);
-        // The thread keeps the ordinary priority. A realtime one would wake no sooner on a
-        // virtual machine, and the kernel stops a realtime thread that spins for most of a
-        // second, which closely spaced frames make it do.
-        while (TakeIntake()) {
+        SchedulerWaiting::PrepareThread();
+        while (!intake.Ending()) {
+            intake.MoveInto(queue);
             if (queue.Empty()) {
-                if (!AwaitBriefly() && !SleepUntil(Forever))
+                if (!waiting.UntilScheduled())
                     return;
                 continue;
             }
             const Nanoseconds deadline = queue.Front().deadline;
             Nanoseconds now = Monotonic();
-            if (now < deadline - SpinNs) {
-                // A new event earlier than this one, or the end, wakes the thread early.
-                if (!SleepUntil(deadline - SpinNs))
-                    return;
-                continue;
-            }
             if (now < deadline) {
-                while (Monotonic() < deadline)
-                    Pause();
+                if (!waiting.UntilDue(deadline, now))
+                    return;
                 continue; // an event that came meanwhile may be earlier, and due as well
             }
             for (unsigned int run = 0; run < DueBurst && !queue.Empty() && queue.Front().deadline <= now; ++run) {
-                if (stopping.load(std::memory_order_relaxed))
+                if (intake.Ending())
                     return;
                 now = RunEvent(queue.Pop(), now);
             }
         }
-    }
-
-    // Moves what senders have scheduled into the thread's queue; false once the end is announced.
-    bool TakeIntake()
-    {
-        if (stopping.load(std::memory_order_relaxed))
-            return false;
-        if (intakeSize.load(std::memory_order_relaxed) == 0)
-            return true; // one that comes this instant is seen under the lock before any sleep
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            taken.swap(intake);
-            intakeSize.store(0, std::memory_order_relaxed);
-        }
-        for (EventQueue::Entry& entry : taken)
-            queue.Add(std::move(entry));
-        taken.clear();
-        return true;
-    }
-
-    // Sleeps until `until` (Forever: until an event comes), unless something is in the intake.
-    // A sender wakes the thread when its event is due before `until`. False once the end is
-    // announced.
-    bool SleepUntil(Nanoseconds until)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        if (stopping.load(std::memory_order_relaxed))
-            return false;
-        if (!intake.empty())
-            return true;
-        sleepingUntil = until;
-        if (until == Forever)
-            wake.wait(lock, [this] { return stopping.load(std::memory_order_relaxed) || !intake.empty(); });
-        else
-            wake.wait_until(lock, MonotonicPoint(until));
-        sleepingUntil = Awake;
-        return !stopping.load(std::memory_order_relaxed);
-    }
-
-    // A sender that hands over frames as fast as they leave empties the queue again and again;
-    // waking a sleeping thread costs more than a frame takes, so the thread looks for a new
-    // event a little while before it sleeps. True when one came.
-    bool AwaitBriefly()
-    {
-        const Nanoseconds until = Monotonic() + EmptyQueueSpin;
-        while (intakeSize.load(std::memory_order_relaxed) == 0 && Monotonic() < until)
-            Pause();
-        return intakeSize.load(std::memory_order_relaxed) != 0;
     }
 
     // Runs one event that was due at `now` or before; returns the time after it.
@@ -210,8 +79,7 @@ struct PreciseScheduler::State {
     {
         const Nanoseconds late = now - entry.deadline;
         unsigned long long latenessUs = late > 0 ? static_cast<unsigned long long>(late / 1000) : 0;
-        lateness.Record(latenessUs);
-        startedCount.store(startedCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        statistics.Started(latenessUs);
         // An exception must not end the thread: every later event would be lost with it.
         try {
             entry.event(latenessUs);
@@ -224,24 +92,11 @@ struct PreciseScheduler::State {
         return Monotonic();
     }
 
-    // Shared with senders, under `mutex`.
-    mutable std::mutex mutex;
-    std::condition_variable wake;
-    std::vector<EventQueue::Entry> intake;
-    std::uint64_t nextSequence = 0;
-    unsigned long long referenceTimestampUs = 0; // stands for the monotonic moment referenceNs
-    Nanoseconds referenceNs = 0;
-    Nanoseconds sleepingUntil = Awake;
-    // Looked at without the lock.
-    std::atomic<std::size_t> intakeSize{0};
-    std::atomic<bool> stopping{false}; // written under the lock, so a sleeper cannot miss it
-    std::atomic<Nanoseconds> presentOffsetNs{0}; // the reference as one sum, for lock-free reads
-    std::atomic<std::uint64_t> scheduledCount{0}; // written under the lock
-    std::atomic<std::uint64_t> startedCount{0}; // written by the thread
-    LatenessHistogram lateness;
-    // The thread's own.
-    EventQueue queue;
-    std::vector<EventQueue::Entry> taken;
+    TimestampReference reference; // under intake.mutex, but for reading the present
+    EventIntake intake;
+    SchedulerWaiting waiting{intake};
+    RunStatistics statistics;
+    EventQueue queue; // the thread's own
     std::thread thread;
 };
 
@@ -262,26 +117,19 @@ void PreciseScheduler::ScheduleEvent(Event&& event, unsigned long long timestamp
 {
     bool bWake = false;
     {
-        std::lock_guard<std::mutex> lock(state->mutex);
-        const Nanoseconds deadline = state->DeadlineOf(timestampUs);
-        // If the intake cannot grow, the event ends here and nothing is queued.
-        state->intake.push_back(EventQueue::Entry{deadline, state->nextSequence, std::move(event)});
-        ++state->nextSequence;
-        state->intakeSize.store(state->intake.size(), std::memory_order_relaxed);
-        state->scheduledCount.store(state->nextSequence, std::memory_order_relaxed);
-        // Only a sleeping thread that would wake too late for this event needs the call.
-        bWake = deadline < state->sleepingUntil;
+        std::lock_guard<std::mutex> lock(state->intake.mutex);
+        const Nanoseconds deadline = state->reference.DeadlineOf(timestampUs);
+        state->intake.Push(deadline, std::move(event));
+        bWake = state->waiting.MustWake(deadline);
     }
     if (bWake)
-        state->wake.notify_one();
+        state->waiting.Wake();
 }
 
 void PreciseScheduler::SetPresentTimestamp(unsigned long long timestampUs)
 {
-    std::lock_guard<std::mutex> lock(state->mutex);
-    state->referenceTimestampUs = timestampUs;
-    state->referenceNs = Monotonic();
-    state->presentOffsetNs.store(static_cast<Nanoseconds>(std::min(timestampUs, LargestPresentUs)) * 1000 - state->referenceNs);
+    std::lock_guard<std::mutex> lock(state->intake.mutex);
+    state->reference.Set(timestampUs);
 }
 
 void PreciseScheduler::UseWallClock()
@@ -291,31 +139,24 @@ void PreciseScheduler::UseWallClock()
 
 unsigned long long PreciseScheduler::GetPresentTimestamp() const
 {
-    // Without the lock: a host that polls the present must never hold up the thread.
-    const Nanoseconds present = Monotonic() + state->presentOffsetNs.load();
-    return present > 0 ? static_cast<unsigned long long>(present / 1000) : 0;
+    return state->reference.PresentTimestamp();
 }
 
 unsigned int PreciseScheduler::GetQueuedCount() const
 {
     // Started first: the scheduled count only grows, so it is never below it.
-    const std::uint64_t started = state->startedCount.load(std::memory_order_relaxed);
-    return static_cast<unsigned int>(state->scheduledCount.load(std::memory_order_relaxed) - started);
+    const std::uint64_t started = state->statistics.StartedCount();
+    return static_cast<unsigned int>(state->intake.ScheduledCount() - started);
 }
 
 PreciseScheduler::LatenessStatistics PreciseScheduler::GetLatenessStatistics() const
 {
-    LatenessStatistics statistics;
-    statistics.events = state->lateness.Count();
-    statistics.medianUs = state->lateness.Percentile(0.5);
-    statistics.p99Us = state->lateness.Percentile(0.99);
-    statistics.maximumUs = state->lateness.Maximum();
-    return statistics;
+    return state->statistics.Lateness();
 }
 
 void PreciseScheduler::ResetLatenessStatistics()
 {
-    state->lateness.Reset();
+    state->statistics.ResetLateness();
 }
 
 double PreciseScheduler::GetThreadCpuSeconds() const
