@@ -81,25 +81,6 @@ void PrintStatus(const NetInputCounters& counters, double rate, bool bTerminal)
                  counters.dropCount, rate, bTerminal ? "   " : "\n");
 }
 
-// Starts the capture with its thread at realtime priority `priority` (0: as the caller's): the
-// back-end's thread takes the priority of the thread that starts it, so this thread holds it
-// for the call and gives it up again.
-void StartCapture(Lyr::NetInputIf& input, int priority)
-{
-    int policy = 0;
-    sched_param previous{};
-    pthread_getschedparam(pthread_self(), &policy, &previous);
-    sched_param wanted{};
-    wanted.sched_priority = priority;
-    const int refused = priority > 0 ? pthread_setschedparam(pthread_self(), SCHED_FIFO, &wanted) : 0;
-    if (refused != 0)
-        std::cerr << "lyrcap capture: realtime priority refused (" << std::strerror(refused)
-                  << "); capturing at ordinary priority, which drops frames sooner under load\n";
-    input.Start();
-    if (priority > 0 && refused == 0)
-        pthread_setschedparam(pthread_self(), policy, &previous);
-}
-
 } // namespace
 
 int RunCapture(const std::vector<std::string>& args)
@@ -144,7 +125,9 @@ int RunCapture(const std::vector<std::string>& args)
     input->Subscribe(Kt::MakeFunctor<void(const Lyr::EthFrame&)>([&tally](const Lyr::EthFrame& frame) {
         tally.Deliver(frame);
     }));
-    StartCapture(*input, static_cast<int>(priority));
+    // The back-end's thread takes the scheduling of the thread that starts it.
+    StartAtRealtimePriority(static_cast<int>(priority), "the capture thread runs",
+                            [&input] { input->Start(); });
     std::cerr << "capturing on " << device << "\n";
 
     const bool bTerminal = isatty(STDERR_FILENO);

@@ -6,9 +6,12 @@
 #include <kt/CMacAddress.h>
 #include <kt/MyPrintf.h>
 
+#include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
 #include <cstdio>
 #include <ctime>
 #include <iostream>
@@ -85,6 +88,22 @@ std::unique_ptr<Lyr::NetInputIf> CreateNetInputIf()
     if (!input)
         std::cerr << "lyrcap: the plug-in registered no live-input back-end \"pcap\"\n";
     return input;
+}
+
+void StartAtRealtimePriority(int priority, const std::string& what, const std::function<void()>& start)
+{
+    int policy = 0;
+    sched_param previous{};
+    pthread_getschedparam(pthread_self(), &policy, &previous);
+    sched_param wanted{};
+    wanted.sched_priority = priority;
+    const int refused = priority > 0 ? pthread_setschedparam(pthread_self(), SCHED_FIFO, &wanted) : 0;
+    if (refused != 0)
+        std::cerr << "lyrcap: realtime priority refused (" << std::strerror(refused) << "); " << what
+                  << " at ordinary priority\n";
+    start();
+    if (priority > 0 && refused == 0)
+        pthread_setschedparam(pthread_self(), policy, &previous);
 }
 
 void InstallInterruptHandler()

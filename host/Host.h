@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <functional>
 #include <string>
 
 // Services that every command of the host tool shares.
@@ -26,6 +27,12 @@ std::unique_ptr<Lyr::NetInputIf> CreateNetInputIf();
 // Ctrl-C (and SIGTERM) set a flag that long-running commands poll; a second Ctrl-C while the
 // flag is set kills the process as usual.
 void InstallInterruptHandler();
+
+// Runs `start` with the calling thread at realtime priority `priority` (SCHED_FIFO; 0 leaves the
+// scheduling alone), then gives the priority up again: a thread that `start` makes takes the
+// scheduling of its maker. Where the system refuses, says so on standard error, naming what
+// runs at ordinary priority instead.
+void StartAtRealtimePriority(int priority, const std::string& what, const std::function<void()>& start);
 bool Interrupted();
 
 // Passes the plug-in's log lines on to standard error and counts the refused packets among them,

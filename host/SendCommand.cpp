@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "FrameReader.h"
+#include "Host.h"
 
 #include <lyr/NetOutputIf.h>
 #include <lyr/PluginLookup.h>
@@ -23,7 +24,7 @@
 namespace {
 
 const char* const Help = R"(Usage: lyrcap send FILE DEVICE [--speed X | --topspeed] [--loop N]
-                   [--timeout US] [--sndbuf BYTES]
+                   [--timeout US] [--sndbuf BYTES] [--priority P]
 
 Puts the frames of a capture file on the wire of DEVICE at the times the file gives them,
 through the pcap output back-end. The first frame leaves shortly after the start and the
@@ -38,6 +39,9 @@ Options:
   --timeout US    drop frames that would leave more than US microseconds late
                   (default 10000; with --topspeed, no limit)
   --sndbuf BYTES  the socket's send buffer (default: the system's)
+  --priority P    the scheduler thread's realtime priority, 1 to 99 (default 10), or 0 for
+                  the ordinary priority; where the system refuses, the tool says so and
+                  sends at ordinary priority, which keeps time only on a quiet machine
 )";
 
 // The scheduler's clock runs on frame timestamps. The file's own first timestamp is made the
@@ -56,6 +60,7 @@ struct Settings {
     bool bTimeout = false;
     std::uint64_t timeout = 0;
     std::uint64_t sendBuffer = 0;
+    std::uint64_t priority = 10;
 };
 
 // Where each frame goes on the scheduler's clock: the file's gaps divided by the speed, each
@@ -156,6 +161,10 @@ int Send(const std::string& path, const std::string& device, const Settings& set
         std::cerr << "lyrcap send: cannot read " << path << "\n";
         return Interrupted() ? ExitInterrupted : ExitFailure;
     }
+    // The scheduler's thread, made at its first use, takes the scheduling of the thread that
+    // makes it; it wakes on time on a busy machine only at realtime priority.
+    StartAtRealtimePriority(static_cast<int>(settings.priority), "the scheduler's thread runs",
+                            [] { Lyr::PreciseScheduler::GetInstance(); });
     std::unique_ptr<Lyr::NetOutputIf> output = Lyr::CreatePlugin<Lyr::NetOutputIf>("pcap");
     if (!output) {
         std::cerr << "lyrcap: the plug-in registered no output back-end \"pcap\"\n";
@@ -174,6 +183,7 @@ int Send(const std::string& path, const std::string& device, const Settings& set
     Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
     scheduler.ResetLatenessStatistics();
     const double cpuBefore = scheduler.GetThreadCpuSeconds();
+    const Lyr::PreciseScheduler::WaitTimes waitedBefore = scheduler.GetWaitTimes();
     Lyr::BufferPool pool(BuffersInFlight, BufferSize);
     const bool bShow = isatty(STDERR_FILENO);
     std::unique_ptr<Timeline> timeline;
@@ -229,6 +239,11 @@ int Send(const std::string& path, const std::string& device, const Settings& set
                 tally.bytes, elapsed, elapsed > 0 ? tally.handed / elapsed : 0.0,
                 elapsed > 0 ? tally.bytes * 8 / elapsed / 1e6 : 0.0);
     std::printf("scheduler thread CPU: %.3f s (%.1f%% of the run)\n", cpu, elapsed > 0 ? 100 * cpu / elapsed : 0.0);
+    const Lyr::PreciseScheduler::WaitTimes waited = scheduler.GetWaitTimes();
+    const int priority = scheduler.GetThreadPriority();
+    const std::string scheduling = priority > 0 ? "realtime priority " + std::to_string(priority) : "ordinary priority";
+    std::printf("scheduler thread: %s, slept %.3f s, spun %.3f s\n", scheduling.c_str(),
+                waited.sleptSeconds - waitedBefore.sleptSeconds, waited.spunSeconds - waitedBefore.spunSeconds);
     std::fflush(stdout);
     return bStopped ? ExitInterrupted : ExitOk;
 }
@@ -237,11 +252,12 @@ int Send(const std::string& path, const std::string& device, const Settings& set
 
 int RunSend(const std::vector<std::string>& args)
 {
-    CommandLine line(args, {"--speed", "--loop", "--timeout", "--sndbuf"}, {"--topspeed"});
+    CommandLine line(args, {"--speed", "--loop", "--timeout", "--sndbuf", "--priority"}, {"--topspeed"});
     Settings settings;
     if (!line.Ok() || !line.Decimal("--speed", 0.001, 1000000, settings.speed) ||
         !line.Number("--loop", 1, 1000000000, settings.loops) ||
-        !line.Number("--timeout", 0, ~0ULL, settings.timeout) || !line.Number("--sndbuf", 0, INT_MAX, settings.sendBuffer))
+        !line.Number("--timeout", 0, ~0ULL, settings.timeout) || !line.Number("--sndbuf", 0, INT_MAX, settings.sendBuffer) ||
+        !line.Number("--priority", 0, 99, settings.priority))
         return UsageError("send", line.Error());
     if (line.Has("--help")) {
         std::cout << Help;

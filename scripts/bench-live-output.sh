@@ -8,8 +8,13 @@
 #   SendFrame   ns and heap allocations per call against a bare ScheduleEvent
 # Needs root. PACING_FRAMES (default 100000) and THROUGHPUT_FRAMES (default 200000) set the
 # sizes; generated files go to a temporary folder that is removed afterwards.
+#   --load N   runs only the pacing part, with N busy loops at ordinary priority beside it
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+load=0
+if [ "${1:-}" = --load ]; then
+    load=${2:?--load needs a count}
+fi
 build=${BUILD:-$root/build/release}
 pacing_frames=${PACING_FRAMES:-100000}
 throughput_frames=${THROUGHPUT_FRAMES:-200000}
@@ -18,7 +23,9 @@ cmake --build "$build" -j2 --target lyrcap lyrpcap make-fixture bench-inject-loo
 
 ns=lyrbench$$
 work=$(mktemp -d /tmp/lyrbench.XXXXXX)
+loops=()
 cleanup() {
+    [ ${#loops[@]} -eq 0 ] || kill "${loops[@]}" 2>/dev/null || true
     ip netns del "$ns" 2>/dev/null || true
     rm -rf "$work"
 }
@@ -34,6 +41,7 @@ lyrcap="$build/host/lyrcap"
 fixture="$build/fixtures/make-fixture"
 field() { sed -n "s|.*$1.*|\\1|p" | head -1; } # the first match of a sed group
 
+if [ "$load" = 0 ]; then
 echo "== throughput: $throughput_frames frames each, frames/s on the sending side"
 printf "%-6s %14s %14s %14s %14s %10s %10s %12s\n" size bare-inject lyrcap tcpreplay bare-scheduled "lyr/bare" \
     "lyr/tcpr" "sched/bare"
@@ -48,6 +56,8 @@ for size in 64 1500; do
         'BEGIN { printf "%-6s %14.0f %14.0f %14.0f %14.0f %10.2f %10.2f %12.2f\n", size, bare, ours, theirs, sched,
                  ours / bare, ours / theirs, sched / bare }' 
 done
+
+fi
 
 # Sends a file with `sender` while tcpdump records the far end, and prints the gap figures.
 paced() { # file, then the sending command
@@ -64,15 +74,33 @@ paced() { # file, then the sending command
     "$build/benchmarks/bench-wire-gaps" "$file" "$work/wire.pcap" || true
 }
 
-echo "== pacing: $pacing_frames frames, far-end capture against the file"
+# What lyrcap send said of its scheduler: late drops, lateness, CPU share, priority, waiting.
+scheduler_figures() {
+    local late cpu thread lateness
+    late=$(field '^dropped as late: \([0-9]*\)' <"$work/sender.out")
+    lateness=$(field '^lateness (us): \(.*\)' <"$work/sender.out")
+    cpu=$(field '^scheduler thread CPU: .*(\([0-9.]*%\) of the run)' <"$work/sender.out")
+    thread=$(field '^scheduler thread: \(.*\)' <"$work/sender.out")
+    echo "    late drops $late; lateness us: $lateness; scheduler thread CPU $cpu, $thread"
+}
+
+for _ in $(seq 1 "$load"); do
+    (while :; do :; done) &
+    loops+=($!)
+done
+echo "== pacing: $pacing_frames frames, far-end capture against the file, $load busy loops beside it"
 for gap in 100 1000; do
     file="$work/gap$gap.pcap"
     "$fixture" bench "$file" --packets "$pacing_frames" --size 100 --gap-us "$gap" >/dev/null
     echo "-- ${gap} us gaps"
-    printf "lyrcap:    "; paced "$file" "$lyrcap" send "$file" v0
-    sed -n 's/^\(lateness\|scheduler thread CPU\|dropped\)/  &/p' "$work/sender.out"
-    printf "tcpreplay: "; paced "$file" tcpreplay -i v0 "$file"
+    printf "lyrcap:                "; paced "$file" "$lyrcap" send "$file" v0
+    scheduler_figures
+    printf "lyrcap --priority 0:   "; paced "$file" "$lyrcap" send "$file" v0 --priority 0
+    scheduler_figures
+    printf "tcpreplay:             "; paced "$file" tcpreplay -i v0 "$file"
+    printf "tcpreplay at nice -20: "; paced "$file" nice -n -20 tcpreplay -i v0 "$file"
 done
+[ "$load" = 0 ] || exit 0
 
 echo "== idle: one frame, then 3 s until the next"
 file="$work/idle.pcap"

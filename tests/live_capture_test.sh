@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs 'lyrcap capture' on a veth pair in a network namespace of this script's own, sends with
-# tcpreplay on the far end, and checks the recording with tcpdump and tshark.
+# tcpreplay on the far end, and checks the recording with tcpdump and tshark; then the
+# scheduling that 'lyrcap send' asks for its scheduler's thread.
 set -u
 lyrcap=$1
 make_fixture=$2
@@ -94,4 +95,22 @@ check "the interrupted recording is complete" test $? = 0 -a -z "$(grep -i trunc
 captured=$(sed -n 's/^\([0-9]*\) frames, .*captured.*/\1/p' "$dir/err")
 check "the interrupted recording holds what was captured" test "$(packets "$dir/interrupted.pcap")" = "$captured"
 check "the filter let the matching traffic through" test "${captured:-0}" -gt 0
+# lyrcap send: the scheduler's thread takes the realtime priority asked for, and where the
+# system refuses it (no CAP_SYS_NICE), the tool says so and sends at ordinary priority.
+sent() { grep -q "^frames sent: 100$" "$dir/out"; }
+"$lyrcap" send "$dir/traffic.pcap" lyrveth1 --topspeed >"$dir/out" 2>"$dir/err"
+check "send runs its scheduler at realtime priority 10 by default" grep -q "^scheduler thread: realtime priority 10," "$dir/out"
+check "send sends every frame" sent
+"$lyrcap" send "$dir/traffic.pcap" lyrveth1 --topspeed --priority 0 >"$dir/out" 2>"$dir/err"
+check "send --priority 0 leaves the scheduler at ordinary priority" grep -q "^scheduler thread: ordinary priority," "$dir/out"
+if setpriv --inh-caps -sys_nice --bounding-set -sys_nice true 2>/dev/null; then
+    setpriv --inh-caps -sys_nice --bounding-set -sys_nice "$lyrcap" send "$dir/traffic.pcap" lyrveth1 --priority 20 \
+        --topspeed >"$dir/out" 2>"$dir/err"
+    check "a refused priority is said" grep -q "realtime priority refused" "$dir/err"
+    check "and the frames leave at ordinary priority" grep -q "^scheduler thread: ordinary priority," "$dir/out"
+    check "all of them" sent
+else
+    echo "skipped: the refused priority (setpriv cannot drop CAP_SYS_NICE here)"
+fi
+
 exit $((failures != 0))

@@ -130,3 +130,22 @@ TEST(LatenessHistogram, PercentilesAreExactBelowAMillisecondAndWithinTwoPercentA
         EXPECT_EQ(histogram.Maximum(), value);
     }
 }
+
+// Events closer together than any margin keep the thread spinning; it spins at most half of each
+// second, so that at realtime priority the kernel's throttling never stops it, and it says how
+// long it waited. On a slow machine the events are simply due at once and nothing is spun.
+TEST(PreciseScheduler, SpinsAtMostHalfOfEachSecondAndCountsItsWaiting)
+{
+    Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
+    scheduler.UseWallClock();
+    const Lyr::PreciseScheduler::WaitTimes before = scheduler.GetWaitTimes();
+    const unsigned long long start = scheduler.GetPresentTimestamp() + 100000;
+    Runs runs;
+    for (unsigned long long at = start; at < start + 1500000; at += 10)
+        scheduler.ScheduleEvent([](unsigned long long&) {}, at);
+    runs.Schedule(0, start + 1500000);
+    ASSERT_EQ(runs.WaitFor(1).size(), 1u);
+    const Lyr::PreciseScheduler::WaitTimes after = scheduler.GetWaitTimes();
+    EXPECT_LE(after.spunSeconds - before.spunSeconds, 1.05); // two seconds' budgets, and one margin
+    EXPECT_GT(after.sleptSeconds + after.spunSeconds, before.sleptSeconds + before.spunSeconds);
+}

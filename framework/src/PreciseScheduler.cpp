@@ -168,4 +168,21 @@ double PreciseScheduler::GetThreadCpuSeconds() const
     return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
 }
 
+int PreciseScheduler::GetThreadPriority() const
+{
+    int policy = 0;
+    sched_param parameters{};
+    if (pthread_getschedparam(state->thread.native_handle(), &policy, &parameters) != 0)
+        return 0;
+    return policy == SCHED_FIFO || policy == SCHED_RR ? parameters.sched_priority : 0;
+}
+
+PreciseScheduler::WaitTimes PreciseScheduler::GetWaitTimes() const
+{
+    WaitTimes times;
+    times.sleptSeconds = static_cast<double>(state->waiting.SleptNs()) / 1e9;
+    times.spunSeconds = static_cast<double>(state->waiting.SpunNs()) / 1e9;
+    return times;
+}
+
 } // namespace Lyr

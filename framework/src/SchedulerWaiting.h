@@ -5,6 +5,8 @@
 
 #include <sys/prctl.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -13,9 +15,12 @@
 namespace Lyr {
 
 // How the scheduler's thread waits for its next event, and how a sender wakes it. The thread
-// sleeps until shortly before a deadline and spins the rest; with nothing queued it looks for a
-// new event briefly, then sleeps until one comes. The thread's loop only asks to wait for a
-// deadline or for an event, so this policy can be replaced alone.
+// sleeps until a margin before the deadline and spins only that margin: the margin follows how
+// late the thread's recent sleeps woke, so it is as short as the machine allows. A thread that
+// spun through whole gaps would take a core, and a realtime thread doing so would be stopped
+// for tens of milliseconds each second by the kernel's realtime throttling. With nothing
+// queued the thread looks for a new event briefly, then sleeps until one comes. The thread's
+// loop only asks to wait for a deadline or for an event, so this policy can be replaced alone.
 class SchedulerWaiting {
 public:
     explicit SchedulerWaiting(EventIntake& intake) : intake(intake) {}
@@ -23,28 +28,42 @@ public:
     // On the scheduler's thread, before its first wait.
     static void PrepareThread()
     {
-        // Timers of this thread fire within a microsecond of their time instead of the 50 µs
-        // of slack that the kernel grants ordinary threads.
-        prctl(PR_SET_TIMERSLACK, 1000UL, 0UL, 0UL, 0UL);
-        // The thread keeps the ordinary priority. A realtime one would wake no sooner on a
-        // virtual machine, and the kernel stops a realtime thread that spins for most of a
-        // second, which closely spaced frames make it do.
+        // Timers of this thread fire at their time instead of within the 50 µs of slack that
+        // the kernel grants ordinary threads.
+        prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     }
 
     // The thread, `now` being before `deadline`: returns at the deadline, or sooner when a newly
     // scheduled event may be due earlier. False once the end is announced.
     bool UntilDue(Nanoseconds deadline, Nanoseconds now)
     {
-        if (now < deadline - SpinNs)
-            return SleepUntil(deadline - SpinNs);
-        while (Monotonic() < deadline)
+        const Nanoseconds wakeAt = deadline - (SpinAllowed(now) ? margin : 0);
+        if (now < wakeAt) {
+            bool bTimedOut = false;
+            if (!SleepUntil(wakeAt, bTimedOut))
+                return false;
+            if (bTimedOut)
+                Learn(Monotonic() - wakeAt);
+            return true; // the loop looks at the intake again, then comes back to spin
+        }
+        Nanoseconds at = now;
+        while (at < deadline) {
             Pause();
+            at = Monotonic();
+        }
+        Spun(at - now);
         return true;
     }
 
     // The thread, with nothing queued: returns once an event may have come. False once the end
     // is announced.
-    bool UntilScheduled() { return AwaitBriefly() || SleepUntil(Forever); }
+    bool UntilScheduled()
+    {
+        if (AwaitBriefly())
+            return true;
+        bool bTimedOut = false;
+        return SleepUntil(Forever, bTimedOut);
+    }
 
     // A sender, under the intake's lock, for the event it has just pushed: only a sleeping thread
     // that would wake too late for it needs waking.
@@ -52,10 +71,22 @@ public:
     // After MustWake or the end's announcement, outside the lock.
     void Wake() { wake.notify_one(); }
 
+    // What the thread has spent sleeping and spinning so far, and its current margin; for hosts.
+    Nanoseconds SleptNs() const { return slept.load(std::memory_order_relaxed); }
+    Nanoseconds SpunNs() const { return spun.load(std::memory_order_relaxed); }
+
 private:
-    // A sleeping thread may wake a millisecond or more late, so the last stretch before a deadline
-    // is spun: events less than this apart are spun through, as a sender that keeps time must.
-    static constexpr Nanoseconds SpinNs = 1000000;
+    // The margin never shrinks below the floor (a wake takes some microseconds even on a quiet
+    // machine) nor grows beyond the ceiling; it falls by 1/DecayDivisor of itself per punctual
+    // wake, so one bad wake raises it for a few hundred sleeps, not for good.
+    static constexpr Nanoseconds MarginFloor = 20000;
+    static constexpr Nanoseconds MarginCeiling = 1000000;
+    static constexpr Nanoseconds MarginGuard = 10000;
+    static constexpr Nanoseconds DecayDivisor = 256;
+    // At most this much spinning in any second: well below the 950 ms that the kernel grants
+    // realtime threads by default, so frames closer together than the margin make the thread
+    // sleep for the rest of the second rather than be stopped.
+    static constexpr Nanoseconds SpinBudgetPerSecond = 500000000;
     // Waking a sleeping thread costs more than a frame takes, and a sender that hands over frames
     // as fast as they leave empties the queue again and again: so this brief look first.
     static constexpr Nanoseconds EmptyQueueSpin = 50000;
@@ -73,10 +104,33 @@ private:
 #endif
     }
 
+    // A timed sleep woke `late` after its time: the margin covers that, plus a guard.
+    void Learn(Nanoseconds late)
+    {
+        const Nanoseconds needed = std::max<Nanoseconds>(late, 0) + MarginGuard;
+        margin = std::clamp(std::max(needed, margin - margin / DecayDivisor), MarginFloor, MarginCeiling);
+    }
+
+    // False while this second's spinning has used up its budget.
+    bool SpinAllowed(Nanoseconds now)
+    {
+        if (now - budgetSecondStart >= 1000000000) {
+            budgetSecondStart = now;
+            spunThisSecond = 0;
+        }
+        return spunThisSecond < SpinBudgetPerSecond;
+    }
+
+    void Spun(Nanoseconds duration)
+    {
+        spunThisSecond += duration;
+        spun.store(spun.load(std::memory_order_relaxed) + duration, std::memory_order_relaxed);
+    }
+
     // Sleeps until `until` (Forever: until an event comes), unless something is in the intake.
-    // A sender wakes the thread when its event is due before `until`. False once the end is
-    // announced.
-    bool SleepUntil(Nanoseconds until)
+    // A sender wakes the thread when its event is due before `until`. `bTimedOut` tells whether
+    // the sleep ran to its time. False once the end is announced.
+    bool SleepUntil(Nanoseconds until, bool& bTimedOut)
     {
         std::unique_lock<std::mutex> lock(intake.mutex);
         if (intake.Ending())
@@ -84,28 +138,42 @@ private:
         if (intake.HasEvents())
             return true;
         sleepingUntil = until;
+        const Nanoseconds start = Monotonic();
         if (until == Forever) {
             wake.wait(lock, [this] { return intake.Ending() || intake.HasEvents(); });
         } else {
             using Clock = std::chrono::steady_clock;
-            wake.wait_until(lock, Clock::time_point(std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(until))));
+            bTimedOut = wake.wait_until(lock, Clock::time_point(std::chrono::duration_cast<Clock::duration>(
+                                                  std::chrono::nanoseconds(until)))) == std::cv_status::timeout;
         }
         sleepingUntil = Awake;
+        slept.store(slept.load(std::memory_order_relaxed) + (Monotonic() - start), std::memory_order_relaxed);
         return !intake.Ending();
     }
 
     // True when an event came within EmptyQueueSpin.
     bool AwaitBriefly()
     {
-        const Nanoseconds until = Monotonic() + EmptyQueueSpin;
-        while (!intake.MayHaveEvents() && Monotonic() < until)
+        const Nanoseconds start = Monotonic();
+        Nanoseconds now = start;
+        while (!intake.MayHaveEvents() && now < start + EmptyQueueSpin) {
             Pause();
+            now = Monotonic();
+        }
+        Spun(now - start);
         return intake.MayHaveEvents();
     }
 
     EventIntake& intake;
     std::condition_variable wake;
     Nanoseconds sleepingUntil = Awake; // under the intake's lock
+    // The thread's own.
+    Nanoseconds margin = MarginCeiling / 4;
+    Nanoseconds budgetSecondStart = 0;
+    Nanoseconds spunThisSecond = 0;
+    // Written by the thread only, read by hosts.
+    std::atomic<Nanoseconds> slept{0};
+    std::atomic<Nanoseconds> spun{0};
 };
 
 } // namespace Lyr

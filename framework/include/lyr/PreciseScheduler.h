@@ -53,6 +53,16 @@ public:
     LatenessStatistics GetLatenessStatistics() const;
     void ResetLatenessStatistics();
     double GetThreadCpuSeconds() const;
+
+    // The thread's realtime priority (SCHED_FIFO or SCHED_RR), or 0 at ordinary priority. The
+    // thread takes the scheduling of the thread that first calls GetInstance.
+    int GetThreadPriority() const;
+    // How long the thread has slept and spun (waiting for deadlines and events) since it started.
+    struct WaitTimes {
+        double sleptSeconds = 0;
+        double spunSeconds = 0;
+    };
+    WaitTimes GetWaitTimes() const;
 #endif
 
     struct State; // the scheduler's own; defined with it
