@@ -1,6 +1,8 @@
 #include <lyr/BufferPool.h>
 #include <lyr/EthFrame.h>
 #include <lyr/IpPacket.h>
+#include <lyr/NetInput.h>
+#include <lyr/NetOutputIf.h>
 #include <lyr/PluginLookup.h>
 
 #include <gtest/gtest.h>
@@ -8,6 +10,7 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -25,7 +28,54 @@ struct BlueWidget : Widget {
     int Id() const override { return 2; }
 };
 
+// An input and an output whose delegates the test fires itself.
+struct Input : Lyr::NetInput {
+    using NetInput::frameDelegate;
+    void Start() override {}
+    void Stop() override {}
+};
+struct Output : Lyr::NetOutputIf {
+    using NetOutputIf::configStateDelegate, NetOutputIf::timeoutDelegate;
+    void SendFrame(const Lyr::EthFrame&) override {}
+    void ConfigureIf(const std::string&) override {}
+    void SetTimeout(unsigned long long) override {}
+    void SetSocketSendBufferSize(int) override {}
+};
+
+// Subscribes `a`, `b` and `a` again, unsubscribes a stranger, then fires and unsubscribes `a` in
+// turn, and returns what each fire called.
+template <typename Owner, typename Base, typename Sig, typename... Args>
+std::string Unsubscribing(Owner& owner, void (Base::*subscribe)(const Kt::CFunctor<Sig>&),
+                          void (Base::*unsubscribe)(const Kt::CFunctor<Sig>&), Kt::CDelegate<Sig>& delegate, Args... args)
+{
+    std::string calls;
+    const auto named = [&calls](char name) { return Kt::MakeFunctor<Sig>([&calls, name](auto&&...) { calls += name; }); };
+    const Kt::CFunctor<Sig> a = named('a');
+    (owner.*subscribe)(a), (owner.*subscribe)(named('b')), (owner.*subscribe)(a);
+    (owner.*unsubscribe)(named('a')); // the same wrapper on another target matches nothing
+    for (int round = 0; round < 4; ++round) {
+        delegate.Fire(args...);
+        calls += '|';
+        (owner.*unsubscribe)(a);
+    }
+    return calls;
+}
+
 } // namespace
+
+// Entries join at the front and a fire calls the back first: "ab" after the first Unsubscribe
+// shows that only the first entry (the later copy of `a`) went; with no entry left, nothing changes.
+TEST(Subscribers, UnsubscribeRemovesOnlyTheFirstMatchingEntry)
+{
+    const std::string expected = "aba|ab|b|b|";
+    Input input;
+    EXPECT_EQ(Unsubscribing(input, &Input::Subscribe, &Input::Unsubscribe, input.frameDelegate, Lyr::EthFrame()), expected);
+    Output output;
+    EXPECT_EQ(Unsubscribing(output, &Output::SubscribeConfigState, &Output::UnsubscribeConfigState, output.configStateDelegate,
+                            Output::ConfigState_Closing),
+              expected);
+    EXPECT_EQ(Unsubscribing(output, &Output::SubscribeTimeout, &Output::UnsubscribeTimeout, output.timeoutDelegate), expected);
+}
 
 TEST(PluginFactory, RegistrationReplacesSilentlyAndNamesAreExact)
 {
