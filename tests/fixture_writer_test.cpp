@@ -23,14 +23,6 @@ std::vector<Record> Records(Precision precision)
     return records;
 }
 
-template <typename Writer> void WriteAll(const std::string& path, const FileOptions& options, const std::vector<Record>& records)
-{
-    Writer writer(path, options);
-    for (const Record& r : records)
-        writer.Add(r);
-    writer.Close();
-}
-
 auto Fields(const Record& r, int64_t fractionScale)
 {
     return std::make_tuple(r.seconds, r.fraction * fractionScale, r.caplen, r.len, r.data);
@@ -40,28 +32,24 @@ auto Fields(const Record& r, int64_t fractionScale)
 
 TEST(FixtureWriter, FilesReadBackThroughLibpcap)
 {
-    using Write = void (*)(const std::string&, const FileOptions&, const std::vector<Record>&);
-    const Write pcap = WriteAll<CaptureFileWriter>, pcapng = WriteAll<PcapngWriter>;
     const auto micro = Precision::Micro, nano = Precision::Nano;
     const auto little = ByteOrder::Little, big = ByteOrder::Big;
     const struct {
         const char* name;
-        Write write;
         FileOptions options;
         int dlt;
     } cases[] = {
-        {"micro.pcap", pcap, {micro, little, 65535, kLinkTypeEthernet}, DLT_EN10MB},
-        {"nano.pcap", pcap, {nano, little, 65535, kLinkTypeEthernet}, DLT_EN10MB},
-        {"big.pcap", pcap, {nano, big, 9000, kLinkTypeRaw}, DLT_RAW},
-        {"micro.pcapng", pcapng, {micro, big, 65535, kLinkTypeEthernet}, DLT_EN10MB},
-        {"nano.pcapng", pcapng, {nano, little, 2000, kLinkTypeRaw}, DLT_RAW},
+        {"micro.pcap", {micro, little, 65535, kLinkTypeEthernet}, DLT_EN10MB},
+        {"nano.pcap", {nano, little, 65535, kLinkTypeEthernet}, DLT_EN10MB},
+        {"big.pcap", {nano, big, 9000, kLinkTypeRaw}, DLT_RAW},
+        {"micro.pcapng", {micro, big, 65535, kLinkTypeEthernet}, DLT_EN10MB},
+        {"nano.pcapng", {nano, little, 2000, kLinkTypeRaw}, DLT_RAW},
     };
     TempDir dir;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const auto records = Records(c.options.precision);
-        c.write(dir.File(c.name), c.options, records);
-        const LibpcapView read = ReadWithLibpcap(dir.File(c.name));
+        const LibpcapView read = ReadWithLibpcap(WriteRecords(dir.File(c.name), records, c.options));
         ASSERT_EQ(read.error, "");
         EXPECT_EQ(read.endCode, PCAP_ERROR_BREAK); // clean end of file
         EXPECT_EQ(read.linkType, c.dlt);
@@ -76,26 +64,25 @@ TEST(FixtureWriter, FilesReadBackThroughLibpcap)
 TEST(FixtureWriter, CutFilesEndWithLibpcapTruncationErrors)
 {
     TempDir dir;
-    const std::string path = dir.File("cut.pcap");
     auto records = Records(Precision::Micro);
-    records[2].data.resize(50); // record claims 101 bytes, file holds 50
-    WriteAll<CaptureFileWriter>(path, {}, records);
-    LibpcapView read = ReadWithLibpcap(path);
-    EXPECT_EQ(read.records.size(), 2u);
-    EXPECT_EQ(read.endCode, PCAP_ERROR);
-    EXPECT_NE(read.error.find("truncated"), std::string::npos) << read.error;
-
+    records[2].data.resize(50); // the record claims 101 bytes, the file holds 50
+    const std::string path = WriteRecords(dir.File("cut.pcap"), records);
     const uint64_t firstRecordEnd = 24 + 16 + 61;
-    TruncateFile(path, firstRecordEnd + 5); // inside the second record header
-    read = ReadWithLibpcap(path);
-    EXPECT_EQ(read.records.size(), 1u);
-    EXPECT_EQ(read.endCode, PCAP_ERROR);
-    EXPECT_NE(read.error.find("truncated"), std::string::npos) << read.error;
-
-    TruncateFile(path, firstRecordEnd); // on a record boundary: short but valid
-    read = ReadWithLibpcap(path);
-    EXPECT_EQ(read.records.size(), 1u);
-    EXPECT_EQ(read.endCode, PCAP_ERROR_BREAK);
+    const struct {
+        uint64_t cutAt; // 0: as written
+        size_t records;
+        int endCode;
+    } cases[] = {{0, 2, PCAP_ERROR},                     // the third record's bytes run out
+                 {firstRecordEnd + 5, 1, PCAP_ERROR},    // inside the second record header
+                 {firstRecordEnd, 1, PCAP_ERROR_BREAK}}; // on a record boundary: short but valid
+    for (const auto& c : cases) {
+        if (c.cutAt)
+            TruncateFile(path, c.cutAt);
+        const LibpcapView read = ReadWithLibpcap(path);
+        EXPECT_EQ(read.records.size(), c.records) << c.cutAt;
+        EXPECT_EQ(read.endCode, c.endCode) << c.cutAt;
+        EXPECT_EQ(read.error.find("truncated") != std::string::npos, c.endCode == PCAP_ERROR) << read.error;
+    }
 }
 
 TEST(FixtureWriter, FileAndMemoryOutputsAreIdentical)
@@ -129,8 +116,7 @@ TEST(FixtureWriter, BuiltPacketsMatchLibpcapFilterAndChecksum)
     pcap_t* dead = pcap_open_dead(DLT_EN10MB, 65535);
     bpf_program prog;
     ASSERT_EQ(pcap_compile(dead, &prog, filter, 1, PCAP_NETMASK_UNKNOWN), 0) << pcap_geterr(dead);
-    pcap_pkthdr hdr{};
-    hdr.caplen = hdr.len = uint32_t(frame.size());
+    const pcap_pkthdr hdr{{}, uint32_t(frame.size()), uint32_t(frame.size())};
     EXPECT_NE(pcap_offline_filter(&prog, &hdr, frame.data()), 0);
     pcap_freecode(&prog);
     pcap_close(dead);

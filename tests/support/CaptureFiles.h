@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -54,22 +55,40 @@ struct FrameBuffer {
     Lyr::EthFrame frame{pool.GetBuffer(), 0};
 };
 
+// Writes `records` into `path`, in pcapng when its name ends so, and returns the path.
+inline std::string WriteRecords(const std::string& path, const std::vector<fixture::Record>& records,
+                                const fixture::FileOptions& options = {})
+{
+    std::unique_ptr<fixture::RecordWriter> writer;
+    if (path.size() > 7 && path.compare(path.size() - 7, 7, ".pcapng") == 0)
+        writer = std::make_unique<fixture::PcapngWriter>(path, options);
+    else
+        writer = std::make_unique<fixture::CaptureFileWriter>(path, options);
+    for (const fixture::Record& record : records)
+        writer->Add(record);
+    writer->Close();
+    return path;
+}
+
 class CaptureFileTest : public ::testing::Test {
 protected:
-    // Writes `records` into the file `name` of the test's directory and returns its path.
+    // Writes the file `name` of the test's directory.
     std::string Write(const std::string& name, const std::vector<fixture::Record>& records,
                       const fixture::FileOptions& options = {})
     {
-        const std::string path = dir.File(name);
-        fixture::CaptureFileWriter writer(path, options);
-        for (const fixture::Record& record : records)
-            writer.Add(record);
-        writer.Close();
-        return path;
+        return WriteRecords(dir.File(name), records, options);
     }
 
     // The time stamp of the frame the next Read delivers, or 0 when it delivers none.
     unsigned long long NextStamp() { return file.Read(buffer.frame) ? buffer.frame.GetTimestamp() : 0; }
+
+    // Seeks to `target` and checks the position then and the stamp of the next frame read.
+    void ExpectSeek(unsigned long long target, unsigned long long position, unsigned long long next)
+    {
+        file.SeekBegin(target);
+        EXPECT_EQ(file.GetPosition(), position) << "seek to " << target;
+        EXPECT_EQ(NextStamp(), next) << "seek to " << target;
+    }
 
     TempDir dir;
     LogCapture log;
