@@ -1,11 +1,8 @@
-// The fixture writer is checked against libpcap itself, so our reader is never validated only
-// against files of our own making.
+// The fixture writer against libpcap, so that our reader is never judged by our own files only.
 #include "support/CaptureFiles.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <tuple>
 
 using namespace fixture;
@@ -61,47 +58,16 @@ TEST(FixtureWriter, FilesReadBackThroughLibpcap)
     }
 }
 
-TEST(FixtureWriter, CutFilesEndWithLibpcapTruncationErrors)
+// Damaged files for the reader: a record may hold fewer bytes than its header claims.
+TEST(FixtureWriter, ARecordShorterThanItsCaplenEndsTheFileWithLibpcapsTruncationError)
 {
     TempDir dir;
     auto records = Records(Precision::Micro);
     records[2].data.resize(50); // the record claims 101 bytes, the file holds 50
-    const std::string path = WriteRecords(dir.File("cut.pcap"), records);
-    const uint64_t firstRecordEnd = 24 + 16 + 61;
-    const struct {
-        uint64_t cutAt; // 0: as written
-        size_t records;
-        int endCode;
-    } cases[] = {{0, 2, PCAP_ERROR},                     // the third record's bytes run out
-                 {firstRecordEnd + 5, 1, PCAP_ERROR},    // inside the second record header
-                 {firstRecordEnd, 1, PCAP_ERROR_BREAK}}; // on a record boundary: short but valid
-    for (const auto& c : cases) {
-        if (c.cutAt)
-            TruncateFile(path, c.cutAt);
-        const LibpcapView read = ReadWithLibpcap(path);
-        EXPECT_EQ(read.records.size(), c.records) << c.cutAt;
-        EXPECT_EQ(read.endCode, c.endCode) << c.cutAt;
-        EXPECT_EQ(read.error.find("truncated") != std::string::npos, c.endCode == PCAP_ERROR) << read.error;
-    }
-}
-
-TEST(FixtureWriter, FileAndMemoryOutputsAreIdentical)
-{
-    // Enough data to pass the file sink's internal flush point more than once.
-    TempDir dir;
-    std::vector<uint8_t> memory;
-    {
-        PcapngWriter toFile(dir.File("big.pcapng")), toMemory(memory);
-        for (int i = 0; i < 3000; ++i) {
-            auto frame = Payload(997 + i % 7, uint8_t(i));
-            toFile.Add(i, i, frame);
-            toMemory.Add(i, i, frame);
-        }
-    } // the destructors close
-    std::ifstream in(dir.File("big.pcapng"), std::ios::binary);
-    std::vector<uint8_t> written{std::istreambuf_iterator<char>(in), {}};
-    EXPECT_GT(written.size(), 3000000u);
-    EXPECT_TRUE(written == memory);
+    const LibpcapView read = ReadWithLibpcap(WriteRecords(dir.File("cut.pcap"), records));
+    EXPECT_EQ(read.records.size(), 2u);
+    EXPECT_EQ(read.endCode, PCAP_ERROR);
+    EXPECT_NE(read.error.find("truncated"), std::string::npos) << read.error;
 }
 
 TEST(FixtureWriter, BuiltPacketsMatchLibpcapFilterAndChecksum)

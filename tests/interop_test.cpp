@@ -36,15 +36,9 @@ TEST_F(Interop, FilesWrittenByText2pcapAndTcpdumpReadWhole)
     ASSERT_EQ(std::system(("text2pcap -q " + dump + " " + made + " >/dev/null 2>&1").c_str()), 0);
     EXPECT_EQ(ReadAll(made), sent);
 
-    // Ours rewritten by tcpdump, that is by libpcap's own writer.
-    std::vector<fixture::Record> records;
-    for (int i = 0; i < 20; ++i)
-        records.push_back(Whole(Now + i, i * 1000, Frame(64 + i * 40, 7)));
+    // The same rewritten by tcpdump, that is by libpcap's own writer.
     const std::string theirs = dir.File("theirs.pcap");
-    ASSERT_EQ(std::system(("tcpdump -r " + Write("ours.pcap", records) + " -w " + theirs + " >/dev/null 2>&1").c_str()), 0);
-    const auto frames = ReadAll(theirs);
-    ASSERT_EQ(frames.size(), records.size());
-    for (size_t i = 0; i < frames.size(); ++i)
-        EXPECT_EQ(frames[i], records[i].data) << "frame " << i;
+    ASSERT_EQ(std::system(("tcpdump -r " + made + " -w " + theirs + " >/dev/null 2>&1").c_str()), 0);
+    EXPECT_EQ(ReadAll(theirs), sent);
     EXPECT_TRUE(log.Lines().empty());
 }

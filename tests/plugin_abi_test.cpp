@@ -1,5 +1,4 @@
-// Runs as a host would: it has its own compiled copy of the factory templates, never links the
-// plug-in, and knows none of its types.
+// Runs as a host: its own copy of the factory templates, no link to the plug-in, none of its types.
 #include <lyr/BufferPool.h>
 #include <lyr/EthFrame.h>
 #include <lyr/NetFile.h>
@@ -17,7 +16,7 @@ namespace {
 // The binding and visibility of `symbol` in the dynamic symbol table of `path`; "" when absent.
 std::string BindingOf(const std::string& path, const std::string& symbol)
 {
-    const std::string command = "readelf -W --dyn-syms '" + path + "' 2>/dev/null | awk '$8 == \"" + symbol + "\" { print $5, $6 }'";
+    const std::string command = "readelf -W --dyn-syms '" + path + "' 2>/dev/null | awk '$8 == \"" + symbol + "\"{print $5, $6}'";
     char line[256] = "";
     if (FILE* table = popen(command.c_str(), "r")) {
         if (!std::fgets(line, sizeof line, table))

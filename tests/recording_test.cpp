@@ -29,7 +29,6 @@ using Recording = CaptureFileTest;
 TEST_F(Recording, PositionAndDurationSpanTheFirstAndLastFrameWritten)
 {
     ASSERT_TRUE(file.ConfigureFile(dir.File("a.pcap"), WriteMode, 0));
-    EXPECT_EQ(file.GetPosition() + file.GetDuration(), 0u);
     Put(file, Frame(60), 0); // a frame at time 0 does not count as the first
     Put(file, Frame(60), 5000000);
     EXPECT_EQ(file.GetDuration(), 0u);

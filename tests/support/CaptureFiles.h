@@ -1,7 +1,6 @@
 #pragma once
 
-// What the capture-file tests share: present-day stamps, recognisable frames, files written in
-// one call and a test with a file, a frame to read into and the log.
+// What the capture-file tests share: present-day stamps, recognisable frames, files in one call.
 
 #include "PcapNetFile.h"
 #include "support/LogCapture.h"
@@ -96,8 +95,7 @@ protected:
     FrameBuffer buffer;
 };
 
-// A file as libpcap reads it, at nanosecond precision: it shows micro- and nanosecond stamps
-// exactly and tells the two magics apart.
+// A file as libpcap reads it, at nanosecond precision: micro- and nanosecond stamps come exactly.
 struct LibpcapView {
     std::vector<fixture::Record> records; // fraction in nanoseconds
     int linkType = -1;
