@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <thread>
 
 using CaptureFile = CaptureFileTest;
@@ -151,9 +150,8 @@ TEST_F(CaptureFile, RawPacketsBecomeEthernetFramesWithGroupAddresses)
                                    ReadMode, 0));
     const Lyr::EthFrame& frame = buffer.frame;
     ASSERT_TRUE(file.Read(buffer.frame));
-    const auto wire = frame.GetData();
-    ASSERT_EQ(wire.size, 14 + toGroup.size());
-    EXPECT_EQ(std::memcmp(wire.data + 14, toGroup.data(), toGroup.size()), 0);
+    const auto wire = Bytes(frame);
+    EXPECT_EQ(std::vector<uint8_t>(wire.begin() + 14, wire.end()), toGroup);
     EXPECT_EQ(frame.GetDstAddress(), 0x01005e000001ULL);
     // Any other packet gets no group address; the largest one makes a frame of 14 more bytes.
     for (size_t size : {14 + toHost.size(), size_t(14 + 9022), size_t(14 + 3)}) {

@@ -48,7 +48,6 @@ TEST(FixtureWriter, FilesReadBackThroughLibpcap)
         const auto records = Records(c.options.precision);
         const LibpcapView read = ReadWithLibpcap(WriteRecords(dir.File(c.name), records, c.options));
         ASSERT_EQ(read.error, "");
-        EXPECT_EQ(read.endCode, PCAP_ERROR_BREAK); // clean end of file
         EXPECT_EQ(read.linkType, c.dlt);
         EXPECT_EQ(read.snaplen, int(c.options.snaplen));
         ASSERT_EQ(read.records.size(), records.size());
@@ -66,7 +65,6 @@ TEST(FixtureWriter, ARecordShorterThanItsCaplenEndsTheFileWithLibpcapsTruncation
     records[2].data.resize(50); // the record claims 101 bytes, the file holds 50
     const LibpcapView read = ReadWithLibpcap(WriteRecords(dir.File("cut.pcap"), records));
     EXPECT_EQ(read.records.size(), 2u);
-    EXPECT_EQ(read.endCode, PCAP_ERROR);
     EXPECT_NE(read.error.find("truncated"), std::string::npos) << read.error;
 }
 

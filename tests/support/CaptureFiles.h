@@ -100,8 +100,7 @@ struct LibpcapView {
     std::vector<fixture::Record> records; // fraction in nanoseconds
     int linkType = -1;
     int snaplen = -1;
-    int endCode = 0; // the pcap_next_ex result that stopped reading
-    std::string error;
+    std::string error; // empty when reading ended cleanly at the end of the file
 };
 
 inline LibpcapView ReadWithLibpcap(const std::string& path)
@@ -117,9 +116,10 @@ inline LibpcapView ReadWithLibpcap(const std::string& path)
     view.snaplen = pcap_snapshot(handle);
     pcap_pkthdr* header;
     const u_char* data;
-    while ((view.endCode = pcap_next_ex(handle, &header, &data)) == 1)
+    int result;
+    while ((result = pcap_next_ex(handle, &header, &data)) == 1)
         view.records.push_back({header->ts.tv_sec, header->ts.tv_usec, header->caplen, header->len, {data, data + header->caplen}});
-    if (view.endCode == PCAP_ERROR)
+    if (result == PCAP_ERROR)
         view.error = pcap_geterr(handle);
     pcap_close(handle);
     return view;
