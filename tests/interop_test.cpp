@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <iomanip>
 
 namespace {
 
@@ -27,32 +25,20 @@ using Interop = CaptureFileTest;
 
 TEST_F(Interop, FilesWrittenByText2pcapAndTcpdumpReadWhole)
 {
-    std::ofstream dump(dir.File("frames.txt"));
-    dump << std::hex << std::setfill('0');
+    // A hex dump as od writes it, one packet after another, each from offset 0.
     std::vector<std::vector<uint8_t>> sent;
-    for (int i = 0; i < 5; ++i) { // a hex dump: lines of an offset and up to 16 bytes
+    const std::string one = dir.File("frame.bin"), dump = dir.File("frames.txt"), made = dir.File("made.pcap");
+    for (int i = 0; i < 5; ++i) {
         sent.push_back(Frame(60 + 100 * i, static_cast<uint8_t>(i)));
-        for (size_t at = 0; at < sent.back().size(); ++at) {
-            if (at % 16 == 0)
-                dump << (at ? "\n" : "") << std::setw(4) << at << ' ';
-            dump << ' ' << std::setw(2) << int(sent.back()[at]);
-        }
-        dump << "\n\n";
+        fixture::WriteFile(one, sent.back());
+        ASSERT_EQ(std::system(("od -Ax -tx1 -v " + one + " >>" + dump).c_str()), 0);
     }
-    dump.close();
-    const std::string made = dir.File("made.pcap");
-    ASSERT_EQ(std::system(("text2pcap -q " + dir.File("frames.txt") + " " + made + " >/dev/null 2>&1").c_str()), 0);
+    ASSERT_EQ(std::system(("text2pcap -q " + dump + " " + made + " >/dev/null 2>&1").c_str()), 0);
     EXPECT_EQ(ReadAll(made), sent);
 
-    // Ours rewritten by tcpdump, that is by libpcap's own writer.
-    std::vector<fixture::Record> records;
-    for (int i = 0; i < 20; ++i)
-        records.push_back(Whole(Now + i, i * 1000, Frame(64 + i * 40, 7)));
+    // The same rewritten by tcpdump, that is by libpcap's own writer.
     const std::string theirs = dir.File("theirs.pcap");
-    ASSERT_EQ(std::system(("tcpdump -r " + Write("ours.pcap", records) + " -w " + theirs + " >/dev/null 2>&1").c_str()), 0);
-    const auto frames = ReadAll(theirs);
-    ASSERT_EQ(frames.size(), records.size());
-    for (size_t i = 0; i < frames.size(); ++i)
-        EXPECT_EQ(frames[i], records[i].data) << "frame " << i;
+    ASSERT_EQ(std::system(("tcpdump -r " + made + " -w " + theirs + " >/dev/null 2>&1").c_str()), 0);
+    EXPECT_EQ(ReadAll(theirs), sent);
     EXPECT_TRUE(log.Lines().empty());
 }

@@ -1,5 +1,4 @@
-// Runs as a host would: it has its own compiled copy of the factory templates, never links the
-// plug-in, and knows none of its types.
+// Runs as a host: its own copy of the factory templates, no link to the plug-in, none of its types.
 #include <lyr/BufferPool.h>
 #include <lyr/EthFrame.h>
 #include <lyr/NetFile.h>
@@ -9,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <sstream>
 
 namespace {
@@ -16,18 +16,14 @@ namespace {
 // The binding and visibility of `symbol` in the dynamic symbol table of `path`; "" when absent.
 std::string BindingOf(const std::string& path, const std::string& symbol)
 {
-    std::string binding;
-    FILE* table = popen(("readelf -W --dyn-syms '" + path + "' 2>/dev/null").c_str(), "r");
-    char line[4096];
-    while (table && std::fgets(line, sizeof line, table)) {
-        std::istringstream fields(line);
-        std::string num, value, size, type, bind, vis, ndx, name;
-        if (fields >> num >> value >> size >> type >> bind >> vis >> ndx >> name && name == symbol)
-            binding = bind + " " + vis;
-    }
-    if (table)
+    const std::string command = "readelf -W --dyn-syms '" + path + "' 2>/dev/null | awk '$8 == \"" + symbol + "\"{print $5, $6}'";
+    char line[256] = "";
+    if (FILE* table = popen(command.c_str(), "r")) {
+        if (!std::fgets(line, sizeof line, table))
+            line[0] = '\0';
         pclose(table);
-    return binding;
+    }
+    return std::string(line, std::strcspn(line, "\n"));
 }
 
 struct Stand : Lyr::NetFile {

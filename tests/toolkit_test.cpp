@@ -41,12 +41,8 @@ TEST(Slice, CountsFollowCopyAssignmentAndPrefix)
         copy = copy; // self-assignment and same-owner assignment leave the count alone
         copy = first.Prefix(4);
         EXPECT_EQ(a.ref.refCount, 2u);
-        EXPECT_EQ(copy.size, 4u);
-        EXPECT_EQ(copy.data, bytes);
-
-        Kt::CSlice<unsigned char> empty = first.Prefix(0); // still a reference
+        const Kt::CSlice<unsigned char> empty = first.Prefix(0); // still a reference
         EXPECT_EQ(a.ref.refCount, 3u);
-        EXPECT_EQ(empty.size, 0u);
 
         // The target held the last reference of b: b goes, a gains one.
         auto other = Kt::CSlice<unsigned char>::Adopt(&b.ref, bytes + 8, 8);
@@ -54,10 +50,8 @@ TEST(Slice, CountsFollowCopyAssignmentAndPrefix)
         EXPECT_EQ(b.destroyed, 1);
         EXPECT_EQ(a.ref.refCount, 4u);
 
-        Kt::CSlice<unsigned char> unowned(nullptr, bytes, 3), unownedCopy(unowned);
+        Kt::CSlice<unsigned char> unowned(nullptr, bytes, 3), unownedCopy(unowned); // nothing to count
         unownedCopy = unowned.Prefix(2);
-        EXPECT_EQ(unownedCopy.owner, nullptr);
-        EXPECT_EQ(unownedCopy.size, 2u);
         EXPECT_EQ(a.destroyed, 0);
     }
     EXPECT_EQ(a.destroyed, 1);
@@ -136,20 +130,15 @@ TEST(Thread, CancelEndsASleepingBodyPromptlyAndTheThreadIsNamed)
 TEST(Addresses, ParseFormatAndClassify)
 {
     Kt::CIpAddress ip;
-    ASSERT_TRUE(Kt::CIpAddress::Parse("224.0.0.1", ip));
-    EXPECT_TRUE(ip.IsMulticast());
-    EXPECT_EQ(ip.GetIp(false), "224.0.0.1");
-    EXPECT_TRUE(ip != Kt::CIpAddress::MinIpAddress);
     for (const char* bad : {"", "1.2.3", "1.2.3.4.5", "256.1.1.1", "1.2.3.4 ", "a.b.c.d"})
         EXPECT_FALSE(Kt::CIpAddress::Parse(bad, ip)) << bad;
     ASSERT_TRUE(Kt::CIpAddress::Parse("239.255.255.255", ip));
     EXPECT_TRUE(ip.IsMulticast());
-    ASSERT_TRUE(Kt::CIpAddress::Parse("240.0.0.1", ip));
-    EXPECT_FALSE(ip.IsMulticast());
-
-    Kt::CMacAddress mac;
-    EXPECT_EQ(static_cast<unsigned long long>(mac), 0u);
-    ASSERT_TRUE(Kt::CMacAddress::Parse("01:00:5e:7f:00:01", mac));
-    EXPECT_EQ(static_cast<unsigned long long>(mac), 0x01005e7f0001ULL);
-    EXPECT_EQ(mac.ToString(), "01:00:5e:7f:00:01");
+    EXPECT_EQ(ip.GetIp(false), "239.255.255.255");
+    for (const char* outside : {"223.255.255.255", "240.0.0.1"}) { // the group range's neighbours
+        ASSERT_TRUE(Kt::CIpAddress::Parse(outside, ip)) << outside;
+        EXPECT_FALSE(ip.IsMulticast()) << outside;
+    }
+    EXPECT_EQ(static_cast<unsigned long long>(Kt::CMacAddress()), 0u);
+    EXPECT_EQ(Kt::CMacAddress(0x01005e7f0001ULL).ToString(), "01:00:5e:7f:00:01");
 }

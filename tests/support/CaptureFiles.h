@@ -1,7 +1,6 @@
 #pragma once
 
-// What the capture-file tests share: present-day stamps, recognisable frames, files written in
-// one call and a test with a file, a frame to read into and the log.
+// What the capture-file tests share: present-day stamps, recognisable frames, files in one call.
 
 #include "PcapNetFile.h"
 #include "support/LogCapture.h"
@@ -16,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -54,22 +54,40 @@ struct FrameBuffer {
     Lyr::EthFrame frame{pool.GetBuffer(), 0};
 };
 
+// Writes `records` into `path`, in pcapng when its name ends so, and returns the path.
+inline std::string WriteRecords(const std::string& path, const std::vector<fixture::Record>& records,
+                                const fixture::FileOptions& options = {})
+{
+    std::unique_ptr<fixture::RecordWriter> writer;
+    if (path.size() > 7 && path.compare(path.size() - 7, 7, ".pcapng") == 0)
+        writer = std::make_unique<fixture::PcapngWriter>(path, options);
+    else
+        writer = std::make_unique<fixture::CaptureFileWriter>(path, options);
+    for (const fixture::Record& record : records)
+        writer->Add(record);
+    writer->Close();
+    return path;
+}
+
 class CaptureFileTest : public ::testing::Test {
 protected:
-    // Writes `records` into the file `name` of the test's directory and returns its path.
+    // Writes the file `name` of the test's directory.
     std::string Write(const std::string& name, const std::vector<fixture::Record>& records,
                       const fixture::FileOptions& options = {})
     {
-        const std::string path = dir.File(name);
-        fixture::CaptureFileWriter writer(path, options);
-        for (const fixture::Record& record : records)
-            writer.Add(record);
-        writer.Close();
-        return path;
+        return WriteRecords(dir.File(name), records, options);
     }
 
     // The time stamp of the frame the next Read delivers, or 0 when it delivers none.
     unsigned long long NextStamp() { return file.Read(buffer.frame) ? buffer.frame.GetTimestamp() : 0; }
+
+    // Seeks to `target` and checks the position then and the stamp of the next frame read.
+    void ExpectSeek(unsigned long long target, unsigned long long position, unsigned long long next)
+    {
+        file.SeekBegin(target);
+        EXPECT_EQ(file.GetPosition(), position) << "seek to " << target;
+        EXPECT_EQ(NextStamp(), next) << "seek to " << target;
+    }
 
     TempDir dir;
     LogCapture log;
@@ -77,14 +95,12 @@ protected:
     FrameBuffer buffer;
 };
 
-// A file as libpcap reads it, at nanosecond precision: it shows micro- and nanosecond stamps
-// exactly and tells the two magics apart.
+// A file as libpcap reads it, at nanosecond precision: micro- and nanosecond stamps come exactly.
 struct LibpcapView {
     std::vector<fixture::Record> records; // fraction in nanoseconds
     int linkType = -1;
     int snaplen = -1;
-    int endCode = 0; // the pcap_next_ex result that stopped reading
-    std::string error;
+    std::string error; // empty when reading ended cleanly at the end of the file
 };
 
 inline LibpcapView ReadWithLibpcap(const std::string& path)
@@ -100,9 +116,10 @@ inline LibpcapView ReadWithLibpcap(const std::string& path)
     view.snaplen = pcap_snapshot(handle);
     pcap_pkthdr* header;
     const u_char* data;
-    while ((view.endCode = pcap_next_ex(handle, &header, &data)) == 1)
+    int result;
+    while ((result = pcap_next_ex(handle, &header, &data)) == 1)
         view.records.push_back({header->ts.tv_sec, header->ts.tv_usec, header->caplen, header->len, {data, data + header->caplen}});
-    if (view.endCode == PCAP_ERROR)
+    if (result == PCAP_ERROR)
         view.error = pcap_geterr(handle);
     pcap_close(handle);
     return view;
