@@ -9,11 +9,13 @@
 # Needs root. PACING_FRAMES (default 100000) and THROUGHPUT_FRAMES (default 200000) set the
 # sizes; generated files go to a temporary folder that is removed afterwards.
 #   --load N   runs only the pacing part, with N busy loops at ordinary priority beside it
+#              (0: none)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-load=0
+load=0 pacing_only=""
 if [ "${1:-}" = --load ]; then
     load=${2:?--load needs a count}
+    pacing_only=yes
 fi
 build=${BUILD:-$root/build/release}
 pacing_frames=${PACING_FRAMES:-100000}
@@ -41,7 +43,7 @@ lyrcap="$build/host/lyrcap"
 fixture="$build/fixtures/make-fixture"
 field() { sed -n "s|.*$1.*|\\1|p" | head -1; } # the first match of a sed group
 
-if [ "$load" = 0 ]; then
+if [ -z "$pacing_only" ]; then
 echo "== throughput: $throughput_frames frames each, frames/s on the sending side"
 printf "%-6s %14s %14s %14s %14s %10s %10s %12s\n" size bare-inject lyrcap tcpreplay bare-scheduled "lyr/bare" \
     "lyr/tcpr" "sched/bare"
@@ -77,10 +79,10 @@ paced() { # file, then the sending command
 # What lyrcap send said of its scheduler: late drops, lateness, CPU share, priority, waiting.
 scheduler_figures() {
     local late cpu thread lateness
-    late=$(field '^dropped as late: \([0-9]*\)' <"$work/sender.out")
-    lateness=$(field '^lateness (us): \(.*\)' <"$work/sender.out")
-    cpu=$(field '^scheduler thread CPU: .*(\([0-9.]*%\) of the run)' <"$work/sender.out")
-    thread=$(field '^scheduler thread: \(.*\)' <"$work/sender.out")
+    late=$(field 'dropped as late: \([0-9]*\)' <"$work/sender.out")
+    lateness=$(field 'lateness (us): \(.*\)' <"$work/sender.out")
+    cpu=$(field 'scheduler thread CPU: .*(\([0-9.]*%\) of the run)' <"$work/sender.out")
+    thread=$(field 'scheduler thread: \(.*\)' <"$work/sender.out")
     echo "    late drops $late; lateness us: $lateness; scheduler thread CPU $cpu, $thread"
 }
 
@@ -100,7 +102,7 @@ for gap in 100 1000; do
     printf "tcpreplay:             "; paced "$file" tcpreplay -i v0 "$file"
     printf "tcpreplay at nice -20: "; paced "$file" nice -n -20 tcpreplay -i v0 "$file"
 done
-[ "$load" = 0 ] || exit 0
+[ -z "$pacing_only" ] || exit 0
 
 echo "== idle: one frame, then 3 s until the next"
 file="$work/idle.pcap"
