@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Makes this machine ready to build for 32-bit ARM hard-float: Debian's cross compiler, qemu-user
 # and libpcap for armhf, the last through multiarch or, when the mirror's armhf index is out of
-# step with the native one, as packages unpacked into build/arm/sysroot. Beside the sysroot it
-# keeps the armhf packages of the libraries that the cross toolchain stands in for (libc6,
-# libstdc++6, libgcc-s1) in build/arm/runtime-debs: packaging reads their dependency information.
+# step with the native one, as packages unpacked into build/arm/sysroot. Packaging reads the
+# dependency information of the armhf C and C++ run-time libraries too, which the cross toolchain
+# stands in for at build time: through multiarch libstdc++6:armhf is installed beside libpcap (libc6
+# and libgcc-s1 come with it), and beside the sysroot their packages are kept in
+# build/arm/runtime-debs.
 #   scripts/setup-arm.sh    prints the sysroot's path, or nothing when multiarch installed libpcap
 set -euo pipefail
 exec 3>&1 1>&2 # standard output carries the answer alone
@@ -59,10 +61,11 @@ make_sysroot() {
     ln -sf /usr/$triple/lib/* "$sysroot/lib/" || return 1
     touch "$sysroot/.complete"
 }
-# A sysroot made before the run-time packages were kept is made again.
+# Set-ups made before the run-time libraries were wanted are made again.
+multiarch_complete() { installed libpcap0.8-dev:armhf && installed libstdc++6:armhf; }
 sysroot_complete() { [ -e "$sysroot/.complete" ] && compgen -G "$runtime/libc6_*.deb" >/dev/null; }
 
-if ! installed libpcap0.8-dev:armhf && ! sysroot_complete; then
+if ! multiarch_complete && ! sysroot_complete; then
     added_armhf=""
     if ! dpkg --print-foreign-architectures | grep -qx armhf; then
         $sudo dpkg --add-architecture armhf
@@ -70,8 +73,8 @@ if ! installed libpcap0.8-dev:armhf && ! sysroot_complete; then
     fi
     # A failing armhf index (a mirror in the middle of a sync) leaves the others usable.
     apt_get update || echo "apt-get update failed in part; going on with what it fetched"
-    if ! apt_get install -y --no-install-recommends libpcap0.8-dev:armhf >/dev/null; then
-        echo "libpcap0.8-dev:armhf does not install through multiarch; unpacking it into $sysroot"
+    if ! apt_get install -y --no-install-recommends libpcap0.8-dev:armhf libstdc++6:armhf >/dev/null; then
+        echo "libpcap0.8-dev:armhf does not install through multiarch; unpacking the packages into $sysroot"
         unpacked=yes
         make_sysroot || unpacked=""
         # Nothing armhf is installed, so dpkg goes back to how it was: otherwise every later
@@ -80,4 +83,4 @@ if ! installed libpcap0.8-dev:armhf && ! sysroot_complete; then
         [ -n "$unpacked" ] || { echo "cannot fetch libpcap for armhf" >&2; exit 1; }
     fi
 fi
-installed libpcap0.8-dev:armhf || echo "$sysroot" >&3
+multiarch_complete || echo "$sysroot" >&3

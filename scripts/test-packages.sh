@@ -42,6 +42,7 @@ check "lintian reports no error" test "${PIPESTATUS[0]}" = 0 -a -z "$(grep '^E:'
 loaded() { sed -n "s|.*calling init: \(.*/$1\)\$|\1|p" "$2" | head -1 | xargs -r realpath; }
 # The dynamic symbols of binding UNIQUE in a binary, sorted.
 unique_symbols() { readelf -W --dyn-syms "$1" | awk '$5 == "UNIQUE" {print $8}' | sort; }
+# The factories' instance singletons and their guards, which the host and every plug-in must share.
 factory_singletons() {
     local kind mangled
     for kind in NetFile NetInputIf NetOutputIf; do
