@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstring>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <iostream>
 
@@ -39,9 +40,15 @@ std::string ExecutableDirectory()
     return text.substr(0, text.rfind('/'));
 }
 
-bool Exists(const std::string& path)
+// The file at `relative` from this program's folder, as a plain path; "" when there is none.
+std::string Installed(const std::string& relative)
 {
-    return access(path.c_str(), R_OK) == 0;
+    char* resolved = realpath((ExecutableDirectory() + "/" + relative).c_str(), nullptr);
+    if (!resolved)
+        return "";
+    std::string path = resolved;
+    std::free(resolved);
+    return access(path.c_str(), R_OK) == 0 ? path : "";
 }
 
 } // namespace
@@ -50,19 +57,16 @@ std::string DefaultPluginPath()
 {
     if (const char* fromEnvironment = std::getenv("LYRCAP_PLUGIN"))
         return fromEnvironment;
-    // Installed: ../lib beside bin; build tree: the plug-in's own build folder.
-    const std::string besideUs = ExecutableDirectory() + "/../lib/liblyrpcap.so";
-    if (Exists(besideUs))
-        return besideUs;
-    return LYRCAP_BUILD_PLUGIN;
+    // Installed: the framework's plug-in folder, reached from our own; the build tree runs
+    // the plug-in of its own build.
+    const std::string installed = Installed(LYRCAP_INSTALLED_PLUGIN);
+    return installed.empty() ? LYRCAP_BUILD_PLUGIN : installed;
 }
 
 std::string SamplePath(const std::string& name)
 {
-    const std::string installed = ExecutableDirectory() + "/../share/lyrcap/samples/" + name;
-    if (Exists(installed))
-        return installed;
-    return std::string(LYRCAP_SOURCE_SAMPLES) + "/" + name;
+    const std::string installed = Installed(LYRCAP_INSTALLED_SAMPLES "/" + name);
+    return installed.empty() ? std::string(LYRCAP_SOURCE_SAMPLES) + "/" + name : installed;
 }
 
 bool LoadBackends(const std::string& pluginPath)

@@ -23,16 +23,19 @@ namespace {
 
 void PrintUsage(std::ostream& out)
 {
-    out << "Usage: lyrcap [--plugin PATH] COMMAND [ARGS]\n\n"
+    out << "Usage: lyrcap [--plugin PATH] COMMAND [ARGS]\n"
+           "  or:  lyrcap --help | --version\n\n"
            "Drives the pcap back-ends of the plug-in as the host framework does: it loads the\n"
            "plug-in, calls InitializePlugin and takes its back-ends from the factories.\n\n"
            "Commands:\n";
     for (const Command& command : AllCommands())
         out << "  " << command.name << std::string(14 - std::strlen(command.name), ' ') << command.summary << "\n";
     out << "\nOptions:\n"
-           "  --plugin PATH   the plug-in to load (default: $LYRCAP_PLUGIN, or the one installed\n"
-           "                  beside this program)\n"
-           "  --help          this text; 'lyrcap COMMAND --help' for a command\n\n"
+           "  --plugin PATH   the plug-in to load; default: $LYRCAP_PLUGIN, else the installed one,\n"
+           "                  " LYRCAP_INSTALLED_PLUGIN "\n"
+           "                  from this program's folder\n"
+           "  --help          this text; 'lyrcap COMMAND --help' for a command\n"
+           "  --version       the version of lyrcap\n\n"
            "Exit status: 0 done, 1 failed, 2 usage error, 130 interrupted.\n";
 }
 
@@ -46,6 +49,10 @@ int main(int argc, char** argv)
     while (!words.empty() && words[0].rfind("-", 0) == 0) {
         if (words[0] == "--help" || words[0] == "-h") {
             PrintUsage(std::cout);
+            return ExitOk;
+        }
+        if (words[0] == "--version") {
+            std::cout << "lyrcap " LYRCAP_VERSION "\n";
             return ExitOk;
         }
         if (words[0] == "--plugin" && words.size() > 1) {

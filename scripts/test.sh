@@ -3,8 +3,9 @@
 #   scripts/test.sh          the release build, every test
 #   scripts/test.sh --all    also AddressSanitizer with UndefinedBehaviorSanitizer (every test),
 #                            ThreadSanitizer (the tests that run threads), the 32-bit ARM
-#                            build under qemu-arm (scripts/test-arm.sh) and a minute of the
-#                            capture-file fuzz target: what CI runs
+#                            build under qemu-arm (scripts/test-arm.sh), the Debian packages
+#                            (scripts/test-packages.sh) and a minute of the capture-file fuzz
+#                            target: what CI runs
 #   scripts/test.sh --load   the release and ThreadSanitizer suites with busy loops on every
 #                            core beside them (LOAD_LOOPS, default 2): the tests judge behaviour,
 #                            never the machine's speed, so they must pass on a busy machine too
@@ -50,6 +51,7 @@ if [ "$mode" = --all ]; then
     ASAN_OPTIONS=detect_leaks=1:halt_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_suite asan
     tsan_suite
     "$root/scripts/test-arm.sh"
+    "$root/scripts/test-packages.sh"
     echo "=== fuzz"
     "$root/scripts/fuzz.sh" 60
 fi

@@ -3,6 +3,7 @@
 set -u
 lyrcap=$1
 make_fixture=$2
+version=$3
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
 failures=0
@@ -19,6 +20,8 @@ raw="$dir/raw-multicast.pcap"
 expected=$(tcpdump -r "$eth" 2>/dev/null | wc -l)
 
 check "--help exits 0" test "$(status "$lyrcap" --help)" = 0
+check "--version exits 0" test "$(status "$lyrcap" --version)" = 0
+check "--version prints the project's version" test "$(cat "$dir/out")" = "lyrcap $version"
 check "info --help needs no plug-in" test "$(status "$lyrcap" --plugin /nonexistent.so info --help)" = 0
 check "info exits 0" test "$(status "$lyrcap" info "$eth")" = 0
 lines() { wc -l <"$dir/out" | tr -d ' '; }

@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# Installs the build into a staging folder, as a packager does, and checks the tree: exactly the
+# files of the two packages, run paths relative to the program, and a lyrcap that runs from
+# there with the plug-in, libraries and sample of that tree.
+#   install_tree_test.sh BUILD PREFIX BINDIR LIBDIR DATADIR MANDIR [EMULATOR ...]
+set -u
+build=$1 prefix=$2 bindir=$3 libdir=$4 datadir=$5 mandir=$6
+shift 6
+emulator=("$@")
+dir=$(mktemp -d)
+trap 'rm -rf "$dir"' EXIT
+failures=0
+check() {
+    local what=$1; shift
+    if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; failures=$((failures + 1)); fi
+}
+
+DESTDIR=$dir cmake --install "$build" >"$dir/install.log" 2>&1 || { cat "$dir/install.log"; exit 1; }
+stage=$dir$prefix
+
+expected="$bindir/lyrcap
+$libdir/lyr/plugins/liblyrpcap.so
+$libdir/lyrcap/libkttools.so
+$libdir/lyrcap/liblyr.so
+$datadir/bash-completion/completions/lyrcap
+$datadir/doc/lyr-plugin-pcap/changelog.gz
+$datadir/doc/lyr-plugin-pcap/copyright
+$datadir/doc/lyrcap/changelog.gz
+$datadir/doc/lyrcap/copyright
+$datadir/lyrcap/samples/ethernet.pcap
+$datadir/lyrcap/samples/raw-multicast.pcap"
+# The manual page needs help2man at build time; the build says so where it is missing.
+[ ! -e "$build/host/lyrcap.1.gz" ] || expected+=$'\n'"$mandir/man1/lyrcap.1.gz"
+check "the tree holds the packages' files and nothing else" \
+    test "$(cd "$stage" && find . -type f -o -type l | sed 's|^\./||' | sort)" = "$(sort <<<"$expected")"
+
+# A run path into the build tree would not exist on the user's machine.
+run_paths() { readelf -d "$1" | sed -n 's/.*(R\(UN\)\{0,1\}PATH).*\[\(.*\)\]/\2/p'; }
+check "lyrcap's run path is its private folder, from its own" \
+    test "$(run_paths "$stage/$bindir/lyrcap")" = "\$ORIGIN/$(realpath -m --relative-to="/$bindir" "/$libdir/lyrcap")"
+check "the plug-in has no run path: the host has loaded what it needs" test -z "$(run_paths "$stage/$libdir/lyr/plugins/liblyrpcap.so")"
+for library in liblyr.so libkttools.so; do
+    check "$library finds its neighbours only" bash -c "[[ '$(run_paths "$stage/$libdir/lyrcap/$library")' =~ ^(\\\$ORIGIN)?\$ ]]"
+done
+
+# The loader tells which file it initialised; every one of ours must come from the tree.
+LD_DEBUG=libs "${emulator[@]}" "$stage/$bindir/lyrcap" info >"$dir/out" 2>"$dir/err"
+check "the staged lyrcap runs info without --plugin" test $? = 0
+loaded() { # the real path of the initialised file of that name
+    sed -n "s|.*calling init: \(.*/$1\)\$|\1|p" "$dir/err" | head -1 | xargs -r realpath
+}
+check "it loads the plug-in from the tree" test "$(loaded liblyrpcap.so)" = "$(realpath "$stage/$libdir/lyr/plugins/liblyrpcap.so")"
+check "it loads liblyr.so from its private folder" test "$(loaded liblyr.so)" = "$(realpath "$stage/$libdir/lyrcap/liblyr.so")"
+check "it loads libkttools.so from its private folder" test "$(loaded libkttools.so)" = "$(realpath "$stage/$libdir/lyrcap/libkttools.so")"
+check "it reads the sample of the tree" grep -qx "file: *$(realpath "$stage/$datadir/lyrcap/samples/ethernet.pcap")" "$dir/out"
+
+exit $((failures != 0))
