@@ -1,0 +1,91 @@
+#!/usr/bin/env bash
+# Mutation check: puts one small fault at a time into a scratch copy of the source tree, rebuilds
+# the copy (release flavour) and runs the suite on it. A fault that no test notices is "missed".
+#   scripts/mutants.sh [LIST]      LIST defaults to tests/mutants.txt
+# LIST holds one fault a line: path<TAB>old text<TAB>new text. The old text must occur in exactly
+# one line of the file, and the fault replaces it there; otherwise the fault "does not apply".
+# Lines starting with '#' are comments; the comment right above a fault names it in the report.
+# The copy and its build live in build/mutants; the work tree itself is never changed.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+list=$(realpath "${1:-$root/tests/mutants.txt}")
+work=$root/build/mutants
+src=$work/src build=$work/build logs=$work/logs
+export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-2}
+"$root/scripts/install-deps.sh" rsync
+started=$SECONDS
+
+# Without --times every copied file gets a fresh time, and --checksum copies exactly the files
+# whose contents differ, so Ninja rebuilds what changed: also a file that an interrupted run
+# left mutated, whatever its time.
+mkdir -p "$src" "$logs"
+rsync --recursive --links --perms --checksum --delete --exclude '/build*' --exclude '/.git' "$root/" "$src/"
+
+# Builds the copy and runs the suite; the output goes to the log named. Fails when the build or
+# a test fails. A test counts as failed only when it fails three times in a row: a test that
+# fails now and then on a loaded machine would otherwise pass for one that caught the fault.
+# No benchmarks: no test needs them.
+build_and_test() {
+    { cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLYR_BUILD_BENCHMARKS=OFF &&
+      cmake --build "$build" &&
+      ctest --test-dir "$build" --no-tests=error -j2 --timeout 300 --stop-on-failure \
+            --repeat until-pass:3 --output-on-failure; } >"$1" 2>&1
+}
+
+# The first test that failed (without the dump of its parameter), or "build failed".
+what_failed() {
+    local test
+    test=$(sed -n '/^The following tests FAILED:/,$ s/^[[:space:]]*[0-9][0-9]* - \([^ ]*\).* (.*)$/\1/p' "$1" | head -1)
+    if [ -n "$test" ]; then echo "$test"; else echo "build failed"; fi
+}
+
+echo "building and testing the unmutated copy"
+if ! build_and_test "$logs/unmutated.log"; then
+    echo "error: the unmutated copy fails ($(what_failed "$logs/unmutated.log")); see $logs/unmutated.log" >&2
+    echo "a test that fails without any fault would make every fault look caught: fix it first" >&2
+    exit 1
+fi
+retried=$(sed -n 's/.*Test *#[0-9]*: \([^ ]*\) .*\*\*\*.*/\1/p' "$logs/unmutated.log" | sort -u | tr '\n' ' ')
+[ -z "$retried" ] || echo "warning: these tests passed only when tried again: $retried"
+
+# While a fault is in, it is taken out again however the script ends.
+mutated="" saved=$work/saved
+restore() { if [ -n "$mutated" ]; then cp "$saved" "$mutated"; mutated=""; fi; }
+trap restore EXIT
+
+total=0 caught=0 skipped=0 description="" report=()
+while IFS=$'\t' read -r -u 3 path old new; do
+    case "$path" in
+        "") description=""; continue ;;
+        "#"*) description=${path#"#"}; description=${description# }; continue ;;
+    esac
+    total=$((total + 1))
+    name="${description:-$old}  ($path)"
+    description=""
+    file=$src/$path
+    lines=$(grep -cF -- "$old" "$file" 2>/dev/null || true)
+    if [ "$lines" != 1 ]; then
+        result="does not apply (old text in ${lines:-no} lines)"
+        skipped=$((skipped + 1))
+    else
+        cp "$file" "$saved"
+        mutated=$file
+        OLD=$old NEW=$new awk '{ i = index($0, ENVIRON["OLD"])
+            if (i) $0 = substr($0, 1, i - 1) ENVIRON["NEW"] substr($0, i + length(ENVIRON["OLD"]))
+            print }' "$saved" >"$file"
+        log=$logs/$total.log
+        if build_and_test "$log"; then
+            result="MISSED"
+        else
+            result="caught by $(what_failed "$log")"
+            caught=$((caught + 1))
+        fi
+        restore
+    fi
+    report+=("$(printf '%3d %s: %s' "$total" "$name" "$result")")
+    echo "${report[-1]}  [$((SECONDS - started)) s]"
+done 3<"$list"
+
+echo
+printf '%s\n' "${report[@]}"
+echo "caught $caught of $total ($skipped did not apply) in $(((SECONDS - started) / 60)) min; logs in $logs"
