@@ -58,7 +58,8 @@ policies() {
     awk '{print $41, $40}' /proc/"$pid"/stat
 }
 
-"$lyrcap" capture lyrveth0 --count 50 -w "$dir/count.pcap" 2>"$dir/err" & pid=$!
+# --seconds: a capture that never delivers ends the test instead of hanging it.
+"$lyrcap" capture lyrveth0 --count 50 --seconds 120 -w "$dir/count.pcap" 2>"$dir/err" & pid=$!
 send_while_running
 wait "$pid"; check "capture --count exits 0" test $? = 0; pid=
 check "the summary counts 50 frames" grep -q "^50 frames, 10000 bytes captured" "$dir/err"
