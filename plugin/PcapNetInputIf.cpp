@@ -9,6 +9,7 @@
 #include <cstring>
 #include <exception>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -175,10 +176,8 @@ void PcapNetInputIf::LeaveCaptureThread()
     deletedInstance = this;
     if (pcapHandle)
         pcap_breakloop(pcapHandle);
-    Kt::CThread* thread = captureThread;
-    pcap_t* handle = pcapHandle;
-    captureThread = nullptr;
-    pcapHandle = nullptr;
+    Kt::CThread* thread = std::exchange(captureThread, nullptr);
+    pcap_t* handle = std::exchange(pcapHandle, nullptr);
     std::thread([thread, handle] {
         thread->Cancel();
         delete thread;
