@@ -21,11 +21,8 @@ struct Widget {
     virtual ~Widget() = default;
     virtual int Id() const = 0;
 };
-struct RedWidget : Widget {
-    int Id() const override { return 1; }
-};
-struct BlueWidget : Widget {
-    int Id() const override { return 2; }
+template <int id> struct NumberedWidget : Widget {
+    int Id() const override { return id; }
 };
 
 std::vector<unsigned char> BytesOf(const Lyr::EthFrame& frame)
@@ -65,7 +62,7 @@ TEST(Subscribers, UnsubscribeRemovesOnlyTheFirstMatchingEntry)
 TEST(PluginFactory, RegistrationReplacesSilentlyAndNamesAreExact)
 {
     auto& registrars = Lyr::PluginFactory<Widget>::Instance().registrars;
-    static Lyr::PluginRegistrar<Widget, RedWidget> red("pcap");
+    static Lyr::PluginRegistrar<Widget, NumberedWidget<1>> one("pcap");
     EXPECT_EQ(registrars.size(), 1u);
     auto first = Lyr::CreatePlugin<Widget>("pcap"), second = Lyr::CreatePlugin<Widget>("pcap");
     ASSERT_TRUE(first && second);
@@ -73,7 +70,7 @@ TEST(PluginFactory, RegistrationReplacesSilentlyAndNamesAreExact)
     first.reset();
     EXPECT_EQ(second->Id(), 1);
 
-    static Lyr::PluginRegistrar<Widget, BlueWidget> blue("pcap"); // the last registration wins
+    static Lyr::PluginRegistrar<Widget, NumberedWidget<2>> two("pcap"); // the last registration wins
     EXPECT_EQ(registrars.size(), 1u);
     EXPECT_EQ(Lyr::CreatePlugin<Widget>("pcap")->Id(), 2);
     for (const char* other : {"PCAP", "pcap ", "pca"})

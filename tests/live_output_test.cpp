@@ -125,7 +125,7 @@ TEST_F(LiveOutput, ConfigureIfAndTheEndAnnounceTheirStatesAndLetPendingFramesLea
     EXPECT_EQ(Arrived(onFirst, 1), std::vector<int>{2});
     EXPECT_EQ(seen, "C- Ro Co Ro Co R- C- Ro Xo ");
     const std::string failed = "Failed to open port for transmitting: "; // and why, on one line
-    const std::vector<std::string> lines = log.Lines();
+    const std::vector<std::string> lines = log.Take();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(lines[0].rfind(failed, 0) == 0 && lines[0].size() > failed.size() + 1 && lines[0].back() == '\n') << lines[0];
 }
@@ -186,12 +186,12 @@ TEST_F(LiveOutput, AFrameLeavesIsDroppedAsLateOrIsReportedAndIsUncountedEitherWa
     unopened.Transmit(TestFrame(pool, 12, 0).GetData(), 0);
     EXPECT_EQ(unopened.Pending(), 0u);
     EXPECT_EQ(late, 6);
-    EXPECT_TRUE(log.Lines().empty());
+    EXPECT_TRUE(log.Take().empty());
 
     // Larger than the device's MTU, and empty: the kernel refuses both, and the port stays open.
     output.Transmit(TestFrame(pool, 13, 0, 3000).GetData(), 0);
     output.Transmit(Kt::CSlice<unsigned char>(), 0);
-    EXPECT_EQ(log.Lines(), std::vector<std::string>(2, "Failed to transmit data."));
+    EXPECT_EQ(log.Take(), std::vector<std::string>(2, "Failed to transmit data."));
     output.Transmit(TestFrame(pool, 14, 0).GetData(), 0);
     EXPECT_EQ(Arrived(receiver, 1), std::vector<int>{14}) << "nor any frame dropped since";
 

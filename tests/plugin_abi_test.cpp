@@ -1,6 +1,4 @@
 // Runs as a host: its own copy of the factory templates, no link to the plug-in, none of its types.
-#include <lyr/BufferPool.h>
-#include <lyr/EthFrame.h>
 #include <lyr/NetFile.h>
 #include <lyr/PluginLoader.h>
 #include <lyr/PluginLookup.h>
@@ -26,17 +24,6 @@ std::string BindingOf(const std::string& path, const std::string& symbol)
     return std::string(line, std::strcspn(line, "\n"));
 }
 
-struct Stand : Lyr::NetFile {
-    bool ConfigureFile(const std::string&, NetFileMode_e, unsigned long long) override { return false; }
-    unsigned long long GetParseProgress() const override { return 0; }
-    void StopParsingFile() override {}
-    unsigned long long GetDuration() const override { return 0; }
-    unsigned long long GetPosition() const override { return 0; }
-    void SeekBegin(unsigned long long) override {}
-    bool Read(Lyr::EthFrame&) override { return false; }
-    void Write(const Lyr::EthFrame&) override {}
-};
-
 } // namespace
 
 TEST(PluginAbi, FactorySingletonsAreUniqueAndTheEntryPointPlain)
@@ -52,29 +39,18 @@ TEST(PluginAbi, FactorySingletonsAreUniqueAndTheEntryPointPlain)
 
 TEST(PluginAbi, HostFindsThePlugInThroughItsOwnCopyOfTheFactory)
 {
-    // A back-end that stood under "pcap" before the plug-in came is replaced by it.
-    static Lyr::PluginRegistrar<Lyr::NetFile, Stand> earlier("pcap");
     auto& files = Lyr::PluginFactory<Lyr::NetFile>::Instance().registrars;
-    const auto sizeBefore = files.size();
-    Lyr::IPluginRegistrar<Lyr::NetFile>* const before = files.at("pcap");
-
+    EXPECT_TRUE(files.empty());
     std::string error;
     ASSERT_TRUE(Lyr::LoadPlugin(LYR_PLUGIN_PATH, error)) << error;
-    EXPECT_EQ(files.size(), sizeBefore);
+    ASSERT_EQ(files.size(), 1u);
     Lyr::IPluginRegistrar<Lyr::NetFile>* const registered = files.at("pcap");
-    EXPECT_NE(registered, before);
+    EXPECT_TRUE(Lyr::CreatePlugin<Lyr::NetFile>("pcap")); // lyrcap, a host as well, reads files through it
 
     // A second initialisation changes nothing.
     ASSERT_TRUE(Lyr::LoadPlugin(LYR_PLUGIN_PATH, error)) << error;
-    EXPECT_EQ(files.size(), sizeBefore);
+    EXPECT_EQ(files.size(), 1u);
     EXPECT_EQ(files.at("pcap"), registered);
-
-    auto file = Lyr::CreatePlugin<Lyr::NetFile>("pcap");
-    ASSERT_TRUE(file);
-    ASSERT_TRUE(file->ConfigureFile(LYR_SAMPLE_PATH, Lyr::NetFile::NetFileMode_Read, 0));
-    Lyr::BufferPool pool(1, 9036);
-    Lyr::EthFrame frame(pool.GetBuffer(), 0);
-    EXPECT_TRUE(file->Read(frame));
 }
 
 TEST(PluginAbi, BrokenPlugInsAreRefusedWithTheReason)

