@@ -183,8 +183,9 @@ TEST_F(LiveInput, FramesArriveWholeInOrderStampedAndCounted)
         ASSERT_TRUE(wire->Send(sent.back()));
         // Ten at a time: the kernel's ring holds only milliseconds of traffic for a capture
         // thread that a busy machine keeps waiting, and this test is not about drops.
-        if (i % 10 == 9)
+        if (i % 10 == 9) {
             ASSERT_TRUE(collector.WaitFor(DataTag, i + 1, 30s));
+        }
     }
     ASSERT_TRUE(collector.WaitFor(DataTag, sent.size(), 30s));
     const unsigned long long receiveEnd = WallMicros();
