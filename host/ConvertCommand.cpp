@@ -55,7 +55,7 @@ int RunConvert(const std::vector<std::string>& args)
         return UsageError("convert", "the output would overwrite the input");
 
     FrameReader reader;
-    if (!reader.OpenRange(in, range, "convert"))
+    if (!reader.OpenRange(in, range, "convert", true))
         return ExitFailure;
     std::unique_ptr<Lyr::NetFile> recording = CreateNetFile();
     if (!recording || !recording->ConfigureFile(out, Lyr::NetFile::NetFileMode_Write, 0)) {

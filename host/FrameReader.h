@@ -7,6 +7,7 @@
 #include <lyr/EthFrame.h>
 #include <lyr/NetFile.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -22,18 +23,26 @@ struct FrameRange {
     bool Parse(CommandLine& line, const std::string& seekOption);
 };
 
+class ProgressMonitor;
+
 // Reads a capture file frame by frame through the plug-in's capture-file back-end, into one
 // reused buffer with room for the largest frame and an Ethernet header in front.
 class FrameReader {
 public:
-    // Opens `path`; progress of the scan goes to standard error while `bShowProgress`, and
-    // Ctrl-C during the scan stops it early (Interrupted() then tells).
-    bool Open(const std::string& path, bool bShowProgress);
+    FrameReader();
+    ~FrameReader();
 
-    // Opens `path` with progress shown, then seeks to the range's start when it has one: when the
-    // file lasts longer than that, since the back-end only prints when it refuses. The packet
-    // that reaches the time is consumed by the seek. Failures are told in the name of `command`.
-    bool OpenRange(const std::string& path, const FrameRange& range, const char* command);
+    // Opens `path`. With `bScan`, the back-end scans the whole file for its duration first (an
+    // extra pass, which only File().GetDuration() needs): its progress goes to a terminal on
+    // standard error, and Ctrl-C stops it early (Interrupted() then tells). With `bShowReading`,
+    // the progress of reading goes to a terminal on standard error until the end of the file.
+    bool Open(const std::string& path, bool bScan, bool bShowReading);
+
+    // Opens `path`, scanning it only when the range has a start, and then seeks to that start:
+    // when the file lasts longer than that, since the back-end only prints when it refuses. The
+    // packet that reaches the time is consumed by the seek. Failures are told in the name of
+    // `command`.
+    bool OpenRange(const std::string& path, const FrameRange& range, const char* command, bool bShowReading);
 
     // The next frame, skipping packets that the back-end refuses; null at the end of the file.
     const Lyr::EthFrame* Next();
@@ -44,6 +53,8 @@ public:
 
 private:
     LogWatch watch;
+    std::unique_ptr<ProgressMonitor> readMonitor;
+    std::atomic<std::uint64_t> bytesRead{0}; // frames and their record headers, as the monitor shows them
     std::unique_ptr<Lyr::NetFile> file;
     std::string path;
     Lyr::BufferPool pool{1, 9036};

@@ -53,7 +53,7 @@ int RunReplay(const std::vector<std::string>& args)
     const std::string path = line.Positional().empty() ? SamplePath("ethernet.pcap") : line.Positional()[0];
 
     FrameReader reader;
-    if (!reader.OpenRange(path, range, "replay"))
+    if (!reader.OpenRange(path, range, "replay", false))
         return ExitFailure;
     unsigned long long frames = 0, bytes = 0;
     while (frames < range.count && !Interrupted()) {

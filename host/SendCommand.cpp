@@ -157,9 +157,9 @@ template <typename Busy> bool WaitWhile(Busy busy, Tally& tally, const LogWatch&
 int Send(const std::string& path, const std::string& device, const Settings& settings)
 {
     FrameReader reader;
-    if (!reader.Open(path, true)) {
+    if (!reader.Open(path, false, false)) {
         std::cerr << "lyrcap send: cannot read " << path << "\n";
-        return Interrupted() ? ExitInterrupted : ExitFailure;
+        return ExitFailure;
     }
     // The scheduler's thread, made at its first use, takes the scheduling of the thread that
     // makes it; it wakes on time on a busy machine only at realtime priority.

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -35,6 +36,7 @@ private:
     std::string fileName;
     pcap_t* pcapHandle = nullptr;
     pcap_dumper_t* pcapDumper = nullptr;
+    std::unique_ptr<char[]> streamBuffer; // of pcapHandle's or pcapDumper's stream, freed after it
     unsigned long long durationMs = 0;
     timeval firstTimestamp{0, 0};
     timeval currentTimestamp{0, 0};
