@@ -48,15 +48,18 @@ TEST_F(Recording, PositionAndDurationSpanTheFirstAndLastFrameWritten)
     EXPECT_EQ(log.Take(), std::vector<std::string>{NegativeInGetPosition});
 }
 
+// Far more than the streams' buffers hold, so that writing and reading both go through refills.
 TEST_F(Recording, RecordedFramesReadBackWithTheirBytesAndStamps)
 {
     const std::string path = dir.File("recorded.pcap");
-    const std::vector<fixture::Record> written = {
+    std::vector<fixture::Record> written = {
         Whole(Now, 123456, Frame(60, 1)),  Whole(Now, 999999, Frame(1514, 2)),
         Whole(Now + 1, 0, {}),             // an empty frame is a record too
         Whole(Now + 2, 5, Frame(9022, 3)), Whole(Now + 3, 7, Frame(9100, 4)), // above the snap length: written whole
         Whole(Now + 4, 0, Frame(64, 5)),
     };
+    for (int i = 0; i < 400; ++i)
+        written.push_back(Whole(Now + 5, i, Frame(60 + i * 37 % 1455, uint8_t(i))));
     size_t fileSize = 24;
     {
         PcapNetFile recorder;
@@ -79,6 +82,22 @@ TEST_F(Recording, RecordedFramesReadBackWithTheirBytesAndStamps)
         EXPECT_EQ(read.fraction, put.fraction * 1000) << "record " << i;
     }
     EXPECT_TRUE(log.Take().empty());
+
+    // Read gives every frame back but the oversized one, from the start and after a seek back.
+    ASSERT_TRUE(file.ConfigureFile(path, ReadMode, 0));
+    for (int pass = 0; pass < 2; ++pass) {
+        if (pass == 1)
+            file.SeekBegin(0); // consumes nothing at 0
+        for (size_t i = 0; i < written.size(); ++i) {
+            const bool bWhole = written[i].data.size() <= 9022;
+            ASSERT_EQ(file.Read(buffer.frame), bWhole) << "record " << i;
+            if (bWhole) {
+                EXPECT_EQ(Bytes(buffer.frame), written[i].data) << "record " << i;
+            }
+        }
+        EXPECT_FALSE(file.Read(buffer.frame));
+    }
+    EXPECT_EQ(log.Take(), std::vector<std::string>(2, InvalidSize));
 }
 
 TEST_F(Recording, EachDirectionRefusesTheOtherWithItsMessage)
