@@ -6,6 +6,15 @@
 // nothing) that injects it on the scheduler's thread, all frames due at once. What this costs
 // against the bare loop is the price of transmitting on the scheduler's thread, before anything
 // of the back-end's own.
+//
+// With --prescribed the split takes the steps that the back-end's contract prescribes for every
+// frame, and nothing else: the frame in a buffer of the framework's pool, a count of pending
+// frames raised by the sender and lowered by the event, and the event in its three layers (a
+// std::function taking the scheduler's value by reference, owning one taking it by value, owning
+// a std::bind of the transmit function with the slice), which allocate twice on the sender and
+// free on the scheduler's thread. What this costs against --scheduled is the price of the
+// contract's event, before any code of the back-end's.
+#include <lyr/BufferPool.h>
 #include <lyr/PreciseScheduler.h>
 
 #include <pcap/pcap.h>
@@ -14,6 +23,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,25 +39,39 @@ struct Slot {
 constexpr unsigned int SlotCount = 1024;
 std::atomic<unsigned long long> done{0};
 std::atomic<unsigned long long> failed{0};
+std::atomic<unsigned long long> pendingFrames{0};
+pcap_t* port = nullptr;
+
+// What the event of --prescribed calls on the scheduler's thread, as the back-end's would.
+void Transmit(const Kt::CSlice<unsigned char>& slice, unsigned long long)
+{
+    if (pcap_inject(port, slice.data, slice.size) < 1)
+        failed.fetch_add(1, std::memory_order_relaxed);
+    pendingFrames.fetch_sub(1);
+    done.fetch_add(1, std::memory_order_release);
+}
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    const bool bScheduled = argc == 4 && std::string(argv[3]) == "--scheduled";
+    const std::string mode = argc == 4 ? argv[3] : "";
+    const bool bPrescribed = mode == "--prescribed";
+    const bool bScheduled = mode == "--scheduled" || bPrescribed;
     if (argc != 3 && !bScheduled) {
-        std::fprintf(stderr, "usage: bench-inject-loop FILE DEVICE [--scheduled]\n");
+        std::fprintf(stderr, "usage: bench-inject-loop FILE DEVICE [--scheduled | --prescribed]\n");
         return 2;
     }
     char errbuf[PCAP_ERRBUF_SIZE] = "";
     pcap_t* file = pcap_open_offline(argv[1], errbuf);
-    pcap_t* port = file ? pcap_open_live(argv[2], 8192, 0, -1, errbuf) : nullptr;
+    port = file ? pcap_open_live(argv[2], 8192, 0, -1, errbuf) : nullptr;
     if (!port) {
         std::fprintf(stderr, "bench-inject-loop: %s\n", errbuf);
         return 1;
     }
     Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
-    std::vector<Slot> slots(bScheduled ? SlotCount : 0);
+    std::vector<Slot> slots(bScheduled && !bPrescribed ? SlotCount : 0);
+    Lyr::BufferPool pool(bPrescribed ? SlotCount : 0, 9036);
     unsigned long long frames = 0, bytes = 0;
     pcap_pkthdr* header = nullptr;
     const u_char* data = nullptr;
@@ -59,6 +83,17 @@ int main(int argc, char** argv)
         } else {
             while (frames - done.load(std::memory_order_acquire) >= SlotCount)
                 std::this_thread::yield(); // every slot in flight
+            if (bPrescribed) {
+                Kt::CSlice<unsigned char> buffer = pool.GetBuffer();
+                std::memcpy(buffer.data, data, header->caplen);
+                pendingFrames.fetch_add(1);
+                std::function<void(unsigned long long)> transmit =
+                    std::bind(&Transmit, buffer.Prefix(header->caplen), std::placeholders::_1);
+                scheduler.ScheduleEvent(Lyr::PreciseScheduler::Event(std::move(transmit)), 0);
+                ++frames;
+                bytes += header->caplen;
+                continue;
+            }
             Slot* slot = &slots[frames % SlotCount];
             slot->port = port;
             slot->size = header->caplen;
