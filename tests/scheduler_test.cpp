@@ -1,4 +1,5 @@
 #include "LatenessHistogram.h"
+#include "SchedulerWaiting.h"
 #include "support/LogCapture.h"
 #include "support/SchedulerProbe.h"
 
@@ -129,6 +130,24 @@ TEST(LatenessHistogram, PercentilesAreExactBelowAMillisecondAndWithinTwoPercentA
         EXPECT_GE(reported, value - value / 50) << value;
         EXPECT_EQ(histogram.Maximum(), value);
     }
+}
+
+// The margin before a deadline covers the recent wakes but the worst one: a stray late wake does
+// not keep the thread spinning long, a second one in the window does, and the window forgets.
+TEST(WakeLateness, OneStrayWakeDoesNotHoldTheMarginUpAndASecondDoesUntilTheWindowForgets)
+{
+    Lyr::WakeLateness wakes(250000);
+    EXPECT_EQ(wakes.AllButWorst(), 250000);
+    for (size_t i = 0; i < Lyr::WakeLateness::Window; ++i)
+        wakes.Add(30000 + static_cast<Lyr::Nanoseconds>(i % 3));
+    EXPECT_EQ(wakes.AllButWorst(), 30002);
+    wakes.Add(900000);
+    EXPECT_EQ(wakes.AllButWorst(), 30002);
+    wakes.Add(400000);
+    EXPECT_EQ(wakes.AllButWorst(), 400000);
+    for (size_t i = 0; i + 1 < Lyr::WakeLateness::Window; ++i)
+        wakes.Add(40000);
+    EXPECT_EQ(wakes.AllButWorst(), 40000); // only the 400 us wake is left of the two
 }
 
 // Events closer together than any margin keep the thread spinning; it spins at most half of each

@@ -6,6 +6,7 @@
 #include <sys/prctl.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -14,9 +15,46 @@
 
 namespace Lyr {
 
+// How late the thread's last timed wakes came, and the margin that covers all of them but the
+// worst: a wake delayed once in a while (a page fault, the hypervisor's own business) does not
+// hold the margin up, while two in the window show that the machine is slow at the moment. At one
+// sleep per millisecond the window is an eighth of a second, so the margin follows a machine that
+// gets busy or quiet again within that.
+class WakeLateness {
+public:
+    static constexpr std::size_t Window = 128;
+
+    explicit WakeLateness(Nanoseconds initial) { late.fill(initial); }
+
+    void Add(Nanoseconds lateness)
+    {
+        late[next] = lateness;
+        next = (next + 1) % Window;
+    }
+
+    // The second largest lateness in the window.
+    Nanoseconds AllButWorst() const
+    {
+        Nanoseconds largest = INT64_MIN, second = INT64_MIN;
+        for (Nanoseconds value : late) {
+            if (value > largest) {
+                second = largest;
+                largest = value;
+            } else if (value > second) {
+                second = value;
+            }
+        }
+        return second;
+    }
+
+private:
+    std::array<Nanoseconds, Window> late;
+    std::size_t next = 0;
+};
+
 // How the scheduler's thread waits for its next event, and how a sender wakes it. The thread
-// sleeps until a margin before the deadline and spins only that margin: the margin follows how
-// late the thread's recent sleeps woke, so it is as short as the machine allows. A thread that
+// sleeps until a margin before the deadline and spins only that margin: the margin covers how
+// late the thread's recent sleeps woke (WakeLateness), so it is as short as the machine allows. A thread that
 // spun through whole gaps would take a core, and a realtime thread doing so would be stopped
 // for tens of milliseconds each second by the kernel's realtime throttling. With nothing
 // queued the thread looks for a new event briefly, then sleeps until one comes. The thread's
@@ -71,18 +109,16 @@ public:
     // After MustWake or the end's announcement, outside the lock.
     void Wake() { wake.notify_one(); }
 
-    // What the thread has spent sleeping and spinning so far, and its current margin; for hosts.
+    // What the thread has spent sleeping and spinning so far; for hosts.
     Nanoseconds SleptNs() const { return slept.load(std::memory_order_relaxed); }
     Nanoseconds SpunNs() const { return spun.load(std::memory_order_relaxed); }
 
 private:
-    // The margin never shrinks below the floor (a wake takes some microseconds even on a quiet
-    // machine) nor grows beyond the ceiling; it falls by 1/DecayDivisor of itself per punctual
-    // wake, so one bad wake raises it for a few hundred sleeps, not for good.
+    // The margin is the recent wakes' lateness and a guard, never below the floor (a wake takes
+    // some microseconds even on a quiet machine) nor beyond the ceiling.
     static constexpr Nanoseconds MarginFloor = 20000;
     static constexpr Nanoseconds MarginCeiling = 1000000;
     static constexpr Nanoseconds MarginGuard = 10000;
-    static constexpr Nanoseconds DecayDivisor = 256;
     // At most this much spinning in any second: well below the 950 ms that the kernel grants
     // realtime threads by default, so frames closer together than the margin make the thread
     // sleep for the rest of the second rather than be stopped.
@@ -104,11 +140,11 @@ private:
 #endif
     }
 
-    // A timed sleep woke `late` after its time: the margin covers that, plus a guard.
+    // A timed sleep woke `late` after its time.
     void Learn(Nanoseconds late)
     {
-        const Nanoseconds needed = std::max<Nanoseconds>(late, 0) + MarginGuard;
-        margin = std::clamp(std::max(needed, margin - margin / DecayDivisor), MarginFloor, MarginCeiling);
+        wakes.Add(std::max<Nanoseconds>(late, 0));
+        margin = std::clamp(wakes.AllButWorst() + MarginGuard, MarginFloor, MarginCeiling);
     }
 
     // False while this second's spinning has used up its budget.
@@ -169,6 +205,7 @@ private:
     Nanoseconds sleepingUntil = Awake; // under the intake's lock
     // The thread's own.
     Nanoseconds margin = MarginCeiling / 4;
+    WakeLateness wakes{MarginCeiling / 4};
     Nanoseconds budgetSecondStart = 0;
     Nanoseconds spunThisSecond = 0;
     // Written by the thread only, read by hosts.
