@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Cross-builds the libraries, the host tool and the tests for 32-bit ARM hard-float into build/arm
-# and runs the suite there under qemu-arm.
-#   scripts/test-arm.sh [ctest arguments]
-# Installs what is missing (scripts/setup-arm.sh): the cross compiler, qemu-user and libpcap for
-# armhf, the last through multiarch or, when the mirror's armhf index is out of step with the
-# native one, as packages unpacked into build/arm/sysroot.
+# and runs the suite: the live tests on an emulated ARM board (scripts/arm-board.sh), the rest
+# under qemu-arm.
+#   scripts/test-arm.sh [ctest arguments for the qemu-arm run]
+# Installs what is missing (scripts/setup-arm.sh, scripts/setup-arm-board.sh): the cross compiler,
+# qemu-user and libpcap for armhf, the last through multiarch or, when the mirror's armhf index is
+# out of step with the native one, as packages unpacked into build/arm/sysroot; qemu-system-arm
+# and the board's kernel and root file system, in build/arm/board.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=$root/build/arm
@@ -16,4 +18,25 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DLYR_SANITIZE=trap -DLYR_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build "$build" -j2
 echo "=== arm tests (qemu-arm)"
-ctest --test-dir "$build" --no-tests=error --output-on-failure --timeout 300 -j2 "$@"
+# libpcap cannot open a device under qemu-user: the live tests run on the board.
+ctest --test-dir "$build" --no-tests=error --output-on-failure --timeout 300 -j2 -LE live "$@"
+
+echo "=== arm live tests (emulated board)"
+"$root/scripts/setup-arm-board.sh"
+# Each live test as CTest would start it, one board_test line each (see scripts/board/run-tests.sh).
+# LYR_NO_DEVICES tells a test that it runs under qemu-user; the board has devices.
+tests=$build/board/live-tests.sh
+{
+    echo "#!/bin/bash"
+    echo "source /board/run-tests.sh"
+    ctest --test-dir "$build" -N -L live --show-only=json-v1 | jq -r '
+        .tests[] | (reduce .properties[] as $p ({}; .[$p.name] = $p.value)) as $props |
+        ["board_test", .name, ($props.WORKING_DIRECTORY // "/")]
+        + [($props.ENVIRONMENT // [])[] | select(startswith("LYR_NO_DEVICES=") | not)]
+        + .command | @sh'
+} >"$tests"
+grep -q "^'board_test'" "$tests" || { echo "no live test found in $build" >&2; exit 1; }
+board_status=0
+"$root/scripts/arm-board.sh" "$tests" || board_status=$?
+"$root/scripts/arm-board-results.sh" "$build/board/console.log" "$(grep -c "^'board_test'" "$tests")"
+exit "$board_status"

@@ -3,7 +3,8 @@
 #   scripts/test.sh          the release build, every test
 #   scripts/test.sh --all    also AddressSanitizer with UndefinedBehaviorSanitizer (every test),
 #                            ThreadSanitizer (the tests that run threads), the 32-bit ARM
-#                            build under qemu-arm (scripts/test-arm.sh), the Debian packages
+#                            build under qemu-arm and its live tests on an emulated ARM board
+#                            (scripts/test-arm.sh), the Debian packages
 #                            (scripts/test-packages.sh) and a minute of the capture-file fuzz
 #                            target: what CI runs
 #   scripts/test.sh --load   the release and ThreadSanitizer suites with busy loops on every

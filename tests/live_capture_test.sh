@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs 'lyrcap capture' on a veth pair in a network namespace of this script's own, sends with
-# tcpreplay on the far end, and checks the recording with tcpdump and tshark; then the
+# tcpreplay on the far end, and checks the recording with tcpdump (and tshark, where it is); then the
 # scheduling that 'lyrcap send' asks for its scheduler's thread.
 set -u
 lyrcap=$1
@@ -34,7 +34,7 @@ send_while_running() {
         sleep 0.1
     done
 }
-packets() { capinfos -c -M "$1" 2>/dev/null | awk '/Number of packets/ {print $NF}'; }
+packets() { tcpdump -r "$1" 2>/dev/null | wc -l; }
 # Every frame of a capture as one line of hex, link header included, for matching by content.
 frames() {
     tcpdump -r "$1" -xx -nn 2>/dev/null |
@@ -64,7 +64,11 @@ send_while_running
 wait "$pid"; check "capture --count exits 0" test $? = 0; pid=
 check "the summary counts 50 frames" grep -q "^50 frames, 10000 bytes captured" "$dir/err"
 check "tcpdump reads all 50" test "$(tcpdump -r "$dir/count.pcap" 2>/dev/null | wc -l)" = 50
-check "tshark reads all 50" test "$(tshark -r "$dir/count.pcap" 2>/dev/null | wc -l)" = 50
+# The emulated ARM board carries tcpdump alone: tshark and its libraries would weigh more than
+# everything else on it.
+if command -v tshark >/dev/null; then
+    check "tshark reads all 50" test "$(tshark -r "$dir/count.pcap" 2>/dev/null | wc -l)" = 50
+fi
 # The capture may open in the middle of a pass over the file: frames are matched by their bytes.
 check "frames are recorded whole" test "$(frames "$dir/count.pcap" | sort -u | comm -23 - <(frames "$dir/traffic.pcap" | sort -u) | wc -l)" = 0
 

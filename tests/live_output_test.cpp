@@ -9,8 +9,10 @@
 #include <lyr/PreciseScheduler.h>
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -62,6 +64,21 @@ int SendBufferOf(const ProbeOutput& output)
     int size = -1;
     socklen_t length = sizeof size;
     return output.Handle() && getsockopt(pcap_fileno(output.Handle()), SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 ? size : -1;
+}
+
+// The largest send buffer that Linux grants, twice net.core.wmem_max. Asked of a socket of our
+// own: before 6.x kernels (Debian 12's among them) show that setting in the first network
+// namespace only, not in the test's.
+int LargestSendBuffer()
+{
+    const int probe = socket(AF_INET, SOCK_DGRAM, 0);
+    int size = INT_MAX;
+    socklen_t length = sizeof size;
+    const bool ok = probe >= 0 && setsockopt(probe, SOL_SOCKET, SO_SNDBUF, &size, length) == 0 &&
+                    getsockopt(probe, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0;
+    if (probe >= 0)
+        close(probe);
+    return ok ? size : -1;
 }
 
 // Each test has the log, a port open on the first end, and the wire of the second end.
@@ -132,10 +149,9 @@ TEST_F(LiveOutput, ConfigureIfAndTheEndAnnounceTheirStatesAndLetPendingFramesLea
 
 TEST_F(LiveOutput, TheSendBufferSizeTakesEffectAsStoredAtTheNextConfigureIf)
 {
-    long wmemMax = -1;
-    std::ifstream("/proc/sys/net/core/wmem_max") >> wmemMax;
+    const int largest = LargestSendBuffer();
     const int systemDefault = SendBufferOf(output);
-    ASSERT_TRUE(wmemMax > 40000 && systemDefault > 0 && systemDefault != 2 * wmemMax) << wmemMax << " " << systemDefault;
+    ASSERT_TRUE(largest > 80000 && systemDefault > 0 && systemDefault != largest) << largest << " " << systemDefault;
     output.SetSocketSendBufferSize(20000);
     EXPECT_EQ(SendBufferOf(output), systemDefault) << "the open socket keeps its buffer";
     output.ConfigureIf(First());
@@ -144,7 +160,7 @@ TEST_F(LiveOutput, TheSendBufferSizeTakesEffectAsStoredAtTheNextConfigureIf)
     // A negative size is passed on: the kernel reads it as a huge unsigned number and grants its maximum.
     output.SetSocketSendBufferSize(-1);
     output.ConfigureIf(First());
-    EXPECT_EQ(SendBufferOf(output), 2 * wmemMax);
+    EXPECT_EQ(SendBufferOf(output), largest);
     output.SetSocketSendBufferSize(0);
     output.ConfigureIf(First());
     EXPECT_EQ(SendBufferOf(output), systemDefault);
