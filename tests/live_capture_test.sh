@@ -25,6 +25,9 @@ check() {
     if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; failures=$((failures + 1)); fi
 }
 
+check "list-devices lists the pair and the loopback device" \
+    bash -c "'$lyrcap' list-devices | grep -q '^lyrveth0 ' && '$lyrcap' list-devices | grep -q '^lo  (.*loopback'"
+
 "$make_fixture" bench "$dir/traffic.pcap" --packets 100 --size 200 >/dev/null || exit 1
 # Sends the traffic until the capture ends (at most ~10 s): the capture opens on its own time.
 send_while_running() {
