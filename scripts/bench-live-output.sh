@@ -2,7 +2,9 @@
 # Benchmarks of the live output, side by side with their baselines, on a veth pair in a network
 # namespace of its own (IPv6 off, no addresses), removed again at the end:
 #   throughput  lyrcap send --topspeed against a bare pcap_inject loop and tcpreplay --topspeed,
-#               and the bare loop split across the scheduler's thread as the back-end must be
+#               the bare loop split across the scheduler's thread as the back-end must be, and
+#               that split with the event, pool buffer and pending count that the back-end's
+#               contract prescribes
 #   pacing      files with 100 us and 1 ms gaps, captured at the far end, against tcpreplay
 #   idle        the scheduler thread's CPU while it waits 3 s for a frame
 #   SendFrame   ns and heap allocations per call against a bare ScheduleEvent
@@ -45,8 +47,8 @@ field() { sed -n "s|.*$1.*|\\1|p" | head -1; } # the first match of a sed group
 
 if [ -z "$pacing_only" ]; then
 echo "== throughput: $throughput_frames frames each, frames/s on the sending side"
-printf "%-6s %14s %14s %14s %14s %10s %10s %12s\n" size bare-inject lyrcap tcpreplay bare-scheduled "lyr/bare" \
-    "lyr/tcpr" "sched/bare"
+printf "%-6s %12s %12s %12s %12s %12s %9s %9s %12s %12s\n" size bare-inject lyrcap tcpreplay split \
+    prescribed "lyr/bare" "lyr/tcpr" "lyr/prescr" "prescr/tcpr"
 for size in 64 1500; do
     file="$work/top$size.pcap"
     "$fixture" bench "$file" --packets "$throughput_frames" --size "$size" >/dev/null
@@ -54,9 +56,10 @@ for size in 64 1500; do
     ours=$(inside "$lyrcap" send "$file" v0 --topspeed | field '(\([0-9]*\) frames/s')
     theirs=$(inside tcpreplay -i v0 --topspeed "$file" 2>&1 | field 'Bps, .* Mbps, \([0-9.]*\) pps')
     sched=$(inside "$build/benchmarks/bench-inject-loop" "$file" v0 --scheduled | field ', \([0-9]*\) frames/s')
-    awk -v size="$size" -v bare="$bare" -v ours="$ours" -v theirs="$theirs" -v sched="$sched" \
-        'BEGIN { printf "%-6s %14.0f %14.0f %14.0f %14.0f %10.2f %10.2f %12.2f\n", size, bare, ours, theirs, sched,
-                 ours / bare, ours / theirs, sched / bare }' 
+    prescribed=$(inside "$build/benchmarks/bench-inject-loop" "$file" v0 --prescribed | field ', \([0-9]*\) frames/s')
+    awk -v size="$size" -v bare="$bare" -v ours="$ours" -v theirs="$theirs" -v sched="$sched" -v prescribed="$prescribed" \
+        'BEGIN { printf "%-6s %12.0f %12.0f %12.0f %12.0f %12.0f %9.2f %9.2f %12.2f %12.2f\n", size, bare, ours, theirs,
+                 sched, prescribed, ours / bare, ours / theirs, ours / prescribed, prescribed / theirs }' 
 done
 
 fi
