@@ -83,13 +83,10 @@ Kt::CPtrRef floorOwner{0, [](Kt::CPtrRef*) {}};
 unsigned char floorBuffer[MaxFrameSize];
 std::atomic<unsigned long long> floorFrames{0}, floorBytes{0};
 
-void FloorHandler(unsigned char*, const pcap_pkthdr* header, const unsigned char* packet)
+// What the input's contract prescribes for a packet once the frame has its buffer.
+void FillFrame(Lyr::EthFrame& frame, const pcap_pkthdr* header, const unsigned char* packet)
 {
     const unsigned int caplen = header->caplen;
-    if (!packet || !IsCompleteFrame(caplen, header->len))
-        return;
-    floorOwner.refCount = 1;
-    Lyr::EthFrame frame(Kt::CSlice<unsigned char>::Adopt(&floorOwner, floorBuffer, MaxFrameSize), 0);
     Kt::CSlice<unsigned char> bytes = frame.GetData();
     bytes = bytes.Prefix(caplen);
     std::memcpy(bytes.data, packet, caplen);
@@ -99,23 +96,25 @@ void FloorHandler(unsigned char*, const pcap_pkthdr* header, const unsigned char
     floorBytes += caplen;
 }
 
+void FloorHandler(unsigned char*, const pcap_pkthdr* header, const unsigned char* packet)
+{
+    if (!packet || !IsCompleteFrame(header->caplen, header->len))
+        return;
+    floorOwner.refCount = 1;
+    Lyr::EthFrame frame(Kt::CSlice<unsigned char>::Adopt(&floorOwner, floorBuffer, MaxFrameSize), 0);
+    FillFrame(frame, header, packet);
+}
+
 // The prescribed steps with the framework's pool and a delegate fire, as the input's are made.
 Lyr::BufferPool* prescribedPool = nullptr;
 Kt::CDelegate<void(const Lyr::EthFrame&)>* prescribedDelegate = nullptr;
 
 void PrescribedHandler(unsigned char*, const pcap_pkthdr* header, const unsigned char* packet)
 {
-    const unsigned int caplen = header->caplen;
-    if (!packet || !IsCompleteFrame(caplen, header->len))
+    if (!packet || !IsCompleteFrame(header->caplen, header->len))
         return;
     Lyr::EthFrame frame(prescribedPool->GetBuffer(), 0);
-    Kt::CSlice<unsigned char> bytes = frame.GetData();
-    bytes = bytes.Prefix(caplen);
-    std::memcpy(bytes.data, packet, caplen);
-    frame.SetData(bytes);
-    frame.SetTimestamp(TimeValToMicroseconds(header->ts));
-    floorFrames += 1;
-    floorBytes += caplen;
+    FillFrame(frame, header, packet);
     prescribedDelegate->Fire(frame);
 }
 

@@ -55,24 +55,33 @@ report() { # job, size, ours, theirs, ratios
         "$(tr ' ' '\n' <<<"$4" | median)" "$(tr ' ' '\n' <<<"$5" | spread)"
 }
 
-# Times our command and theirs (split by a lone "--") alternately; IN and OUT stand for the files.
+# RUNS rounds of `MEASURE ours` and `MEASURE theirs`, each printing one figure, in an order that
+# turns every round; then the table's line. RATIO is a round's ratio in awk, of a (ours) and b.
+rounds() { # job, size, ratio, measure...
+    local job=$1 size=$2 ratio=$3 a b mine="" others="" ratios=""
+    shift 3
+    for run in $(seq 1 "$runs"); do
+        if [ $((run % 2)) = 1 ]; then a=$("$@" ours); b=$("$@" theirs)
+        else b=$("$@" theirs); a=$("$@" ours); fi
+        mine+=" $a" others+=" $b" ratios+=" $(awk -v a="$a" -v b="$b" "BEGIN { print $ratio }")"
+    done
+    report "$job" "$size" "${mine# }" "${others# }" "${ratios# }"
+}
+
+# Times our command against theirs (split by a lone "--"); IN and OUT stand for the files.
 compare() { # job, size, our command, --, their command
-    local job=$1 size=$2 ours=() theirs=() side=ours word
+    local job=$1 size=$2 side=ours word
     shift 2
+    ours_command=() theirs_command=()
     for word in "$@"; do
         [ "$word" != -- ] || { side=theirs; continue; }
         word=${word//IN/$dir/$size.pcap}
         word=${word//OUT/$scratch/out.pcap}
-        if [ $side = ours ]; then ours+=("$word"); else theirs+=("$word"); fi
+        if [ $side = ours ]; then ours_command+=("$word"); else theirs_command+=("$word"); fi
     done
-    local a b times_ours="" times_theirs="" ratios=""
-    for run in $(seq 1 "$runs"); do
-        if [ $((run % 2)) = 1 ]; then a=$(seconds "${ours[@]}"); b=$(seconds "${theirs[@]}")
-        else b=$(seconds "${theirs[@]}"); a=$(seconds "${ours[@]}"); fi
-        times_ours+=" $a" times_theirs+=" $b" ratios+=" $(awk -v a="$a" -v b="$b" 'BEGIN { print b / a }')"
-    done
-    report "$job" "$size" "${times_ours# }" "${times_theirs# }" "${ratios# }"
+    rounds "$job" "$size" "b / a" time_side
 }
+time_side() { if [ "$1" = ours ]; then seconds "${ours_command[@]}"; else seconds "${theirs_command[@]}"; fi; }
 
 echo "== whole commands, $runs rounds: median seconds, and their time / ours"
 header
@@ -93,16 +102,17 @@ else
     inside ip link set v1 up
     echo "== send --topspeed on a veth pair, $runs rounds: median frames/s, and ours / theirs"
     header
-    ours() { inside "$lyrcap" send "$1" v0 --topspeed | sed -n 's/.*(\([0-9]*\) frames\/s.*/\1/p'; }
-    theirs() { inside tcpreplay -i v0 --topspeed "$1" 2>&1 | sed -n 's/.* \([0-9.]*\) pps.*/\1/p' | head -1; }
+    # The frame rate that each sender reports for the whole file.
+    rate_side() {
+        if [ "$1" = ours ]; then
+            inside "$lyrcap" send "$file" v0 --topspeed | sed -n 's/.*(\([0-9]*\) frames\/s.*/\1/p'
+        else
+            inside tcpreplay -i v0 --topspeed "$file" 2>&1 | sed -n 's/.* \([0-9.]*\) pps.*/\1/p' | head -1
+        fi
+    }
     for size in 64 1500; do
-        file=$dir/$size.pcap rates_ours="" rates_theirs="" ratios=""
-        for run in $(seq 1 "$runs"); do
-            if [ $((run % 2)) = 1 ]; then a=$(ours "$file"); b=$(theirs "$file")
-            else b=$(theirs "$file"); a=$(ours "$file"); fi
-            rates_ours+=" $a" rates_theirs+=" $b" ratios+=" $(awk -v a="$a" -v b="$b" 'BEGIN { print a / b }')"
-        done
-        report "send --topspeed / tcpreplay" "$size" "${rates_ours# }" "${rates_theirs# }" "${ratios# }"
+        file=$dir/$size.pcap
+        rounds "send --topspeed / tcpreplay" "$size" "a / b" rate_side
     done
 fi
 
