@@ -9,6 +9,7 @@
 #include <kt/CMacAddress.h>
 #include <kt/MyPrintf.h>
 
+#include <stdio_ext.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -33,6 +34,15 @@ std::unique_ptr<char[]> EnlargeStreamBuffer(FILE* stream, long size)
     return buffer;
 }
 
+// stdio locks a stream around every call, two per packet, in case threads share it. Ours never
+// do at the same time: one thread records on an object, and Read and SeekBegin keep each other
+// off the handle (see Read). So the stream goes without.
+void LockStreamByCaller(FILE* stream)
+{
+    if (stream)
+        __fsetlocking(stream, FSETLOCKING_BYCALLER);
+}
+
 // libpcap opens nanosecond files in microsecond precision by default, so every time stamp that
 // reaches us is in microseconds. libpcap has read the file's header when the buffer is changed:
 // glibc then seeks back over what the old buffer held beyond it, which only a regular file
@@ -49,6 +59,7 @@ pcap_t* OpenOffline(const std::string& path, std::unique_ptr<char[]>& streamBuff
         return nullptr;
     }
     FILE* stream = pcap_file(handle);
+    LockStreamByCaller(stream);
     struct stat info{};
     if (stream && fstat(fileno(stream), &info) == 0 && S_ISREG(info.st_mode) && info.st_size > BUFSIZ)
         streamBuffer = EnlargeStreamBuffer(stream, std::min<long>(StreamBufferSize, info.st_size));
@@ -87,6 +98,7 @@ bool PcapNetFile::ConfigureFile(const std::string& path, NetFileMode_e newMode, 
             return false;
         // The file header waits in the old buffer, which glibc flushes before the change.
         streamBuffer = EnlargeStreamBuffer(pcap_dump_file(pcapDumper), StreamBufferSize);
+        LockStreamByCaller(pcap_dump_file(pcapDumper));
         firstTimestamp = timeval{0, 0};
         currentTimestamp = timeval{0, 0};
         return true;
