@@ -85,9 +85,13 @@ void Generate(const Workload& load)
     fixture::WriteFile(marker, {});
 }
 
-// The size of the stream buffer that the back-end gives a capture file; the bare loops run with
-// stdio's default buffer and with one of this size.
-constexpr size_t StreamBufferSize = 256 * 1024;
+// The bare loops run with stdio's default buffer, or are given one of the size that the back-end
+// gives a capture file's stream. One at a time runs, so they share it.
+void GiveStreamBuffer(FILE* stream)
+{
+    static char buffer[256 * 1024];
+    setvbuf(stream, buffer, _IOFBF, sizeof buffer);
+}
 
 unsigned long long BarePcapNext(const std::string& path, bool bCopy, bool bBuffered)
 {
@@ -95,9 +99,8 @@ unsigned long long BarePcapNext(const std::string& path, bool bCopy, bool bBuffe
     pcap_t* handle = pcap_open_offline(path.c_str(), errbuf);
     if (!handle)
         return 0;
-    static char streamBuffer[StreamBufferSize];
     if (bBuffered)
-        setvbuf(pcap_file(handle), streamBuffer, _IOFBF, sizeof streamBuffer);
+        GiveStreamBuffer(pcap_file(handle));
     static unsigned char buffer[9036];
     pcap_pkthdr header;
     unsigned long long count = 0;
@@ -116,9 +119,8 @@ unsigned long long BarePcapDump(const std::string& out, unsigned long long packe
 {
     pcap_t* dead = pcap_open_dead(DLT_EN10MB, 9022);
     pcap_dumper_t* dumper = pcap_dump_open(dead, out.c_str());
-    static char streamBuffer[StreamBufferSize];
     if (bBuffered)
-        setvbuf(pcap_dump_file(dumper), streamBuffer, _IOFBF, sizeof streamBuffer);
+        GiveStreamBuffer(pcap_dump_file(dumper));
     pcap_pkthdr header{};
     header.caplen = header.len = static_cast<bpf_u_int32>(frame.size());
     for (unsigned long long i = 0; i < packets; ++i) {
