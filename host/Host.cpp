@@ -41,6 +41,8 @@ std::string ExecutableDirectory()
 }
 
 // The file at `relative` from this program's folder, as a plain path; "" when there is none.
+// A file that is there but cannot be read is still the one meant: its error names it, where a
+// fallback to the build tree would hide an installation that other users cannot use.
 std::string Installed(const std::string& relative)
 {
     char* resolved = realpath((ExecutableDirectory() + "/" + relative).c_str(), nullptr);
@@ -48,7 +50,7 @@ std::string Installed(const std::string& relative)
         return "";
     std::string path = resolved;
     std::free(resolved);
-    return access(path.c_str(), R_OK) == 0 ? path : "";
+    return path;
 }
 
 } // namespace

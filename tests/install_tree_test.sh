@@ -18,21 +18,23 @@ check() {
 DESTDIR=$dir cmake --install "$build" >"$dir/install.log" 2>&1 || { cat "$dir/install.log"; exit 1; }
 stage=$dir$prefix
 
-expected="$bindir/lyrcap
-$libdir/lyr/plugins/liblyrpcap.so
-$libdir/lyrcap/libkttools.so
-$libdir/lyrcap/liblyr.so
-$datadir/bash-completion/completions/lyrcap
-$datadir/doc/lyr-plugin-pcap/changelog.gz
-$datadir/doc/lyr-plugin-pcap/copyright
-$datadir/doc/lyrcap/changelog.gz
-$datadir/doc/lyrcap/copyright
-$datadir/lyrcap/samples/ethernet.pcap
-$datadir/lyrcap/samples/raw-multicast.pcap"
+# Every file with its mode: everyone reads everything, and only the program is run.
+expected="755 $bindir/lyrcap
+644 $libdir/lyr/plugins/liblyrpcap.so
+644 $libdir/lyrcap/libkttools.so
+644 $libdir/lyrcap/liblyr.so
+644 $datadir/bash-completion/completions/lyrcap
+644 $datadir/doc/lyr-plugin-pcap/changelog.gz
+644 $datadir/doc/lyr-plugin-pcap/copyright
+644 $datadir/doc/lyrcap/changelog.gz
+644 $datadir/doc/lyrcap/copyright
+644 $datadir/lyrcap/samples/ethernet.pcap
+644 $datadir/lyrcap/samples/raw-multicast.pcap"
 # The manual page needs help2man at build time; the build says so where it is missing.
-[ ! -e "$build/host/lyrcap.1.gz" ] || expected+=$'\n'"$mandir/man1/lyrcap.1.gz"
-check "the tree holds the packages' files and nothing else" \
-    test "$(cd "$stage" && find . -type f -o -type l | sed 's|^\./||' | sort)" = "$(sort <<<"$expected")"
+[ ! -e "$build/host/lyrcap.1.gz" ] || expected+=$'\n'"644 $mandir/man1/lyrcap.1.gz"
+check "the tree holds the packages' files, with their modes, and nothing else" \
+    test "$(cd "$stage" && find . -type f -printf '%m %P\n' -o -type l -printf 'link %P\n' | sort -k2)" = "$(sort -k2 <<<"$expected")"
+check "every folder of the tree is open to all" test -z "$(cd "$stage" && find . -type d ! -perm 755)"
 
 # A run path into the build tree would not exist on the user's machine.
 run_paths() { readelf -d "$1" | sed -n 's/.*(R\(UN\)\{0,1\}PATH).*\[\(.*\)\]/\2/p'; }
@@ -53,5 +55,14 @@ check "it loads the plug-in from the tree" test "$(loaded liblyrpcap.so)" = "$(r
 check "it loads liblyr.so from its private folder" test "$(loaded liblyr.so)" = "$(realpath "$stage/$libdir/lyrcap/liblyr.so")"
 check "it loads libkttools.so from its private folder" test "$(loaded libkttools.so)" = "$(realpath "$stage/$libdir/lyrcap/libkttools.so")"
 check "it reads the sample of the tree" grep -qx "file: *$(realpath "$stage/$datadir/lyrcap/samples/ethernet.pcap")" "$dir/out"
+
+# An ordinary user runs the staged tool with the staged plug-in.
+if [ "$(id -u)" = 0 ] && id nobody >/dev/null 2>&1; then
+    chmod 755 "$dir"
+    setpriv --reuid=nobody --regid="$(id -g nobody)" --clear-groups "${emulator[@]}" "$stage/$bindir/lyrcap" info >"$dir/out" 2>&1
+    check "an ordinary user runs lyrcap info from the tree" test $? = 0
+else
+    echo "skipped: running as an ordinary user needs root and the user nobody"
+fi
 
 exit $((failures != 0))
