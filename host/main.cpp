@@ -55,7 +55,12 @@ int main(int argc, char** argv)
             std::cout << "lyrcap " LYRCAP_VERSION "\n";
             return ExitOk;
         }
-        if (words[0] == "--plugin" && words.size() > 1) {
+        if (words[0] == "--plugin") {
+            if (words.size() < 2) {
+                std::cerr << "lyrcap: option --plugin needs a value\n";
+                PrintUsage(std::cerr);
+                return ExitUsage;
+            }
             pluginPath = words[1];
             words.erase(words.begin(), words.begin() + 2);
         } else if (words[0].rfind("--plugin=", 0) == 0) {
