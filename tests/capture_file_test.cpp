@@ -129,10 +129,18 @@ TEST_F(CaptureFile, RawPacketsBecomeEthernetFramesWithGroupAddresses)
                                              fixture::kIpProtocolUdp, udp);
     const auto toHost = fixture::Ipv4Packet(fixture::Ipv4Address(10, 0, 0, 1), fixture::Ipv4Address(10, 0, 0, 2),
                                             fixture::kIpProtocolUdp, udp);
+    const auto toBroadcast = fixture::Ipv4Packet(fixture::Ipv4Address(10, 0, 0, 1), fixture::Ipv4Address(255, 255, 255, 255),
+                                                 fixture::kIpProtocolUdp, udp);
+    // IPv6, whose source address has 224.0.0.1 where an IPv4 header keeps its destination.
+    std::vector<uint8_t> ipv6(40, 0);
+    ipv6[0] = 0x60;
+    ipv6[6] = 59; // no next header
+    ipv6[16] = 224, ipv6[19] = 1;
     fixture::FileOptions raw;
     raw.linkType = fixture::kLinkTypeRaw;
     ASSERT_TRUE(file.ConfigureFile(Write("raw.pcap", {Whole(Now, 0, toGroup), Whole(Now, 1, toHost), Packet(Now, 2, 9022, 9022),
-                                                      Packet(Now, 3, 3, 3)}, // too short for an IP header
+                                                      Packet(Now, 3, 3, 3), // too short for an IP header
+                                                      Whole(Now, 4, toBroadcast), Whole(Now, 5, ipv6)},
                                          raw),
                                    ReadMode, 0));
     ASSERT_TRUE(file.Read(buffer.frame));
@@ -140,7 +148,7 @@ TEST_F(CaptureFile, RawPacketsBecomeEthernetFramesWithGroupAddresses)
     EXPECT_EQ(std::vector<uint8_t>(wire.begin() + 14, wire.end()), toGroup);
     EXPECT_EQ(buffer.frame.GetDstAddress(), 0x01005e000001ULL);
     // Any other packet gets no group address; the largest one makes a frame of 14 more bytes.
-    for (size_t size : {14 + toHost.size(), size_t(14 + 9022), size_t(14 + 3)}) {
+    for (size_t size : {14 + toHost.size(), size_t(14 + 9022), size_t(14 + 3), 14 + toBroadcast.size(), size_t(14 + 40)}) {
         EXPECT_EQ(buffer.frame.GetLengthType(), 0x0800);
         ASSERT_TRUE(file.Read(buffer.frame));
         EXPECT_EQ(buffer.frame.GetData().size, size);

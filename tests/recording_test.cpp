@@ -1,5 +1,6 @@
 // Recording frames into a capture file, and what libpcap makes of the file.
 #include "support/CaptureFiles.h"
+#include "support/Descriptors.h"
 
 #include <gtest/gtest.h>
 
@@ -133,4 +134,61 @@ TEST_F(Recording, EachDirectionRefusesTheOtherWithItsMessage)
     Put(nowhere, Frame(60), Now * 1000000ULL);
     EXPECT_TRUE(log.Take().empty());
     EXPECT_EQ(nowhere.GetDuration(), 0u);
+}
+
+// One object through every change of file and direction, as a host that keeps it does: each
+// configuration starts from nothing of the last, and no handle outlives the one it replaced,
+// however often the object is configured or seeks.
+TEST_F(Recording, AReusedObjectKeepsNothingOfItsLastFileAndNoDescriptorOfIt)
+{
+    const size_t before = OpenDescriptors();
+    const std::string twoSeconds = Write("read.pcap", {Whole(Now, 0, Frame(60, 1)), Whole(Now + 2, 0, Frame(60, 2))});
+    ASSERT_TRUE(file.ConfigureFile(twoSeconds, ReadMode, 0));
+    ASSERT_TRUE(file.Read(buffer.frame));
+
+    // Recording after reading: the duration spans the frames recorded, not the file read.
+    const std::string recorded = dir.File("recorded.pcap");
+    ASSERT_TRUE(file.ConfigureFile(recorded, WriteMode, 0));
+    Put(file, Frame(60, 7), (Now + 100) * 1000000ULL);
+    Put(file, Frame(60, 8), (Now + 100) * 1000000ULL + 250000);
+    EXPECT_EQ(file.GetDuration(), 250u);
+    // Reading what it recorded: complete once the object is configured anew.
+    ASSERT_TRUE(file.ConfigureFile(recorded, ReadMode, 0));
+    EXPECT_EQ(std::make_pair(file.GetDuration(), file.GetPosition()), std::make_pair(250ULL, 0ULL));
+    for (uint8_t seed : {7, 8}) {
+        ASSERT_TRUE(file.Read(buffer.frame));
+        EXPECT_EQ(Bytes(buffer.frame), Frame(60, seed));
+    }
+    ASSERT_TRUE(file.ConfigureFile(Write("one.pcap", {Whole(Now, 0, Frame(60))}), ReadMode, 0));
+    EXPECT_EQ(file.GetDuration(), 0u) << "one packet lasts nothing, whatever the last file lasted";
+
+    // Every seek to 0 reopens the file: a thousand of them hold one handle.
+    ASSERT_TRUE(file.ConfigureFile(twoSeconds, ReadMode, 0));
+    for (int i = 0; i < 1000; ++i)
+        file.SeekBegin(i % 2 ? 0 : 1);
+    ASSERT_TRUE(file.Read(buffer.frame));
+    EXPECT_EQ(buffer.frame.GetTimestamp(), Now * 1000000ULL);
+    EXPECT_EQ(OpenDescriptors(), before + 1);
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_TRUE(file.ConfigureFile(dir.File("again.pcap"), WriteMode, 0));
+        ASSERT_TRUE(file.ConfigureFile(twoSeconds, ReadMode, 1));
+    }
+    EXPECT_EQ(OpenDescriptors(), before + 1);
+    EXPECT_TRUE(log.Take().empty());
+
+    // A configuration that fails closes the last file all the same, and what follows is refused
+    // as the failed direction refuses it.
+    EXPECT_FALSE(file.ConfigureFile(dir.File("missing.pcap"), ReadMode, 0));
+    EXPECT_EQ(OpenDescriptors(), before);
+    EXPECT_FALSE(file.Read(buffer.frame));
+    Put(file, Frame(60), Now * 1000000ULL);
+    EXPECT_EQ(log.Take(), (std::vector<std::string>{"Error reading pcap file: " + dir.File("missing.pcap") +
+                                                        ": No such file or directory\n",
+                                                    "Can only write to a file that is set to write.\n"}));
+    EXPECT_FALSE(file.ConfigureFile(dir.File("no/such/dir.pcap"), WriteMode, 0));
+    EXPECT_EQ(OpenDescriptors(), before);
+    EXPECT_FALSE(file.Read(buffer.frame));
+    file.SeekBegin(0);
+    EXPECT_EQ(log.Take(), (std::vector<std::string>{"Can only read from a file that is set to read.\n",
+                                                    "Can only seek on a file that is set to read.\n"}));
 }

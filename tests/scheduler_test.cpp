@@ -11,6 +11,7 @@
 #include <random>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -87,6 +88,9 @@ TEST(PreciseScheduler, RunsEveryEventOnceInTimeOrderAndHandsItItsLatenessFromIts
     const Lyr::PreciseScheduler::LatenessStatistics statistics = scheduler.GetLatenessStatistics();
     EXPECT_EQ(statistics.events, count + 1u); // with the gate's
     EXPECT_EQ(statistics.maximumUs, all[0].lateness);
+    scheduler.ResetLatenessStatistics(); // a new run starts from nothing, its maximum too
+    const Lyr::PreciseScheduler::LatenessStatistics reset = scheduler.GetLatenessStatistics();
+    EXPECT_EQ(std::make_tuple(reset.events, reset.medianUs, reset.p99Us, reset.maximumUs), std::make_tuple(0ULL, 0ULL, 0ULL, 0ULL));
 }
 
 TEST(PreciseScheduler, LiveTimestampsNeedNoReferenceWaitingCostsNoCpuAndAThrowingEventIsReported)
@@ -121,6 +125,18 @@ TEST(LatenessHistogram, PercentilesAreExactBelowAMillisecondAndWithinTwoPercentA
     EXPECT_EQ(histogram.Percentile(0.5), 500u);
     EXPECT_EQ(histogram.Percentile(0.99), 990u);
     EXPECT_EQ(histogram.Maximum(), 1000u);
+
+    // Small counts: the percentile is the recorded value at the rank rounded up, odd counts and even.
+    const std::vector<std::vector<unsigned long long>> small = {{5}, {10, 20}, {10, 20, 30}, {10, 20, 30, 40}};
+    const unsigned long long medians[] = {5, 10, 20, 20}, p99s[] = {5, 20, 30, 40};
+    for (size_t i = 0; i < small.size(); ++i) {
+        histogram.Reset();
+        EXPECT_EQ(histogram.Count() + histogram.Maximum() + histogram.Percentile(0.5), 0u) << "after a reset";
+        for (unsigned long long value : small[i])
+            histogram.Record(value);
+        EXPECT_EQ(std::make_pair(histogram.Percentile(0.5), histogram.Percentile(0.99)), std::make_pair(std::uint64_t{medians[i]}, std::uint64_t{p99s[i]}))
+            << small[i].size() << " values";
+    }
 
     for (unsigned long long value : {1024ULL, 1500000ULL, 123456789ULL, 1ULL << 63, ~0ULL}) {
         histogram.Reset();

@@ -109,18 +109,21 @@ struct Counter {
 
 TEST(Thread, CancelEndsASleepingBodyPromptlyAndTheThreadIsNamed)
 {
-    Counter counter;
-    auto body = Kt::MakeMemberFunctor0<Counter, bool, &Counter::Pass>(&counter);
-    EXPECT_EQ(body.holder, nullptr);
-    Kt::CThread thread(body, "LYR-PcapInIf", Kt::CThread::GetPriority());
-    ASSERT_TRUE(thread.Run());
-    while (counter.passes == 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    const auto start = std::chrono::steady_clock::now();
-    thread.Cancel();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    EXPECT_EQ(counter.passes, 1);
-    EXPECT_STREQ(counter.name, "LYR-PcapInIf");
+    // A name longer than the kernel keeps (15 characters) is cut, not refused.
+    for (const std::string name : {"LYR-PcapInIf", "LYR-a-name-longer-than-the-kernel-keeps"}) {
+        Counter counter;
+        auto body = Kt::MakeMemberFunctor0<Counter, bool, &Counter::Pass>(&counter);
+        EXPECT_EQ(body.holder, nullptr);
+        Kt::CThread thread(body, name, Kt::CThread::GetPriority());
+        ASSERT_TRUE(thread.Run());
+        while (counter.passes == 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        const auto start = std::chrono::steady_clock::now();
+        thread.Cancel();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+        EXPECT_EQ(counter.passes, 1);
+        EXPECT_EQ(counter.name, name.substr(0, 15));
+    }
 }
 
 TEST(Addresses, ParseFormatAndClassify)
