@@ -55,19 +55,15 @@ int main(int argc, char** argv)
             std::cout << "lyrcap " LYRCAP_VERSION "\n";
             return ExitOk;
         }
-        if (words[0] == "--plugin") {
-            if (words.size() < 2) {
-                std::cerr << "lyrcap: option --plugin needs a value\n";
-                PrintUsage(std::cerr);
-                return ExitUsage;
-            }
+        if (words[0] == "--plugin" && words.size() > 1) {
             pluginPath = words[1];
             words.erase(words.begin(), words.begin() + 2);
         } else if (words[0].rfind("--plugin=", 0) == 0) {
             pluginPath = words[0].substr(9);
             words.erase(words.begin());
         } else {
-            std::cerr << "lyrcap: unknown option " << words[0] << "\n";
+            std::cerr << "lyrcap: " << (words[0] == "--plugin" ? "option --plugin needs a value" : "unknown option " + words[0])
+                      << "\n";
             PrintUsage(std::cerr);
             return ExitUsage;
         }
