@@ -24,18 +24,22 @@ rsync --recursive --links --perms --checksum --delete --exclude '/build*' --excl
 # Builds the copy and runs the suite; the output goes to the log named. Fails when the build or
 # a test fails. A test counts as failed only when it fails three times in a row: a test that
 # fails now and then on a loaded machine would otherwise pass for one that caught the fault.
-# No benchmarks: no test needs them.
-build_and_test() {
+# No benchmarks: no test needs them. With "packages", the Debian packages are built and checked
+# too (scripts/test-packages.sh), since only they show what their own rules get wrong.
+build_and_test() { # log, then "packages" or nothing
     { cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLYR_BUILD_BENCHMARKS=OFF &&
       cmake --build "$build" &&
       ctest --test-dir "$build" --no-tests=error -j2 --timeout 300 --stop-on-failure \
-            --repeat until-pass:3 --output-on-failure; } >"$1" 2>&1
+            --repeat until-pass:3 --output-on-failure &&
+      { [ "${2:-}" != packages ] || "$src/scripts/test-packages.sh"; }; } >"$1" 2>&1
 }
 
-# The first test that failed (without the dump of its parameter), or "build failed".
+# The first test that failed (without the dump of its parameter), the first package check that
+# failed, or "build failed".
 what_failed() {
     local test
     test=$(sed -n '/^The following tests FAILED:/,$ s/^[[:space:]]*[0-9][0-9]* - \([^ ]*\).* (.*)$/\1/p' "$1" | head -1)
+    [ -n "$test" ] || test=$(sed -n 's/^FAILED: \(.*\)/packages: \1/p' "$1" | head -1)
     if [ -n "$test" ]; then echo "$test"; else echo "build failed"; fi
 }
 
@@ -74,7 +78,11 @@ while IFS=$'\t' read -r -u 3 path old new; do
             if (i) $0 = substr($0, 1, i - 1) ENVIRON["NEW"] substr($0, i + length(ENVIRON["OLD"]))
             print }' "$saved" >"$file"
         log=$logs/$total.log
-        if build_and_test "$log"; then
+        case "$path" in
+            cmake/Packaging.cmake | packaging/* | scripts/package.sh) suite=packages ;;
+            *) suite="" ;;
+        esac
+        if build_and_test "$log" $suite; then
             result="MISSED"
         else
             result="caught by $(what_failed "$log")"
