@@ -59,11 +59,12 @@ std::vector<int> Arrived(Wire& wire, std::size_t count)
     return markers;
 }
 
-int SendBufferOf(const ProbeOutput& output)
+// The send buffer of a socket; -1 for none.
+int SendBufferOf(int socket)
 {
     int size = -1;
     socklen_t length = sizeof size;
-    return output.Handle() && getsockopt(pcap_fileno(output.Handle()), SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 ? size : -1;
+    return socket >= 0 && getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 ? size : -1;
 }
 
 // The largest send buffer that Linux grants, twice net.core.wmem_max. Asked of a socket of our
@@ -71,14 +72,11 @@ int SendBufferOf(const ProbeOutput& output)
 // namespace only, not in the test's.
 int LargestSendBuffer()
 {
-    const int probe = socket(AF_INET, SOCK_DGRAM, 0);
-    int size = INT_MAX;
-    socklen_t length = sizeof size;
-    const bool ok = probe >= 0 && setsockopt(probe, SOL_SOCKET, SO_SNDBUF, &size, length) == 0 &&
-                    getsockopt(probe, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0;
+    const int probe = socket(AF_INET, SOCK_DGRAM, 0), size = INT_MAX;
+    const int largest = setsockopt(probe, SOL_SOCKET, SO_SNDBUF, &size, sizeof size) == 0 ? SendBufferOf(probe) : -1;
     if (probe >= 0)
         close(probe);
-    return ok ? size : -1;
+    return largest;
 }
 
 // Each test has the log, a port open on the first end, and the wire of the second end.
@@ -149,21 +147,21 @@ TEST_F(LiveOutput, ConfigureIfAndTheEndAnnounceTheirStatesAndLetPendingFramesLea
 
 TEST_F(LiveOutput, TheSendBufferSizeTakesEffectAsStoredAtTheNextConfigureIf)
 {
-    const int largest = LargestSendBuffer();
-    const int systemDefault = SendBufferOf(output);
+    auto inForce = [this] { return SendBufferOf(output.Handle() ? pcap_fileno(output.Handle()) : -1); };
+    const int largest = LargestSendBuffer(), systemDefault = inForce();
     ASSERT_TRUE(largest > 80000 && systemDefault > 0 && systemDefault != largest) << largest << " " << systemDefault;
-    output.SetSocketSendBufferSize(20000);
-    EXPECT_EQ(SendBufferOf(output), systemDefault) << "the open socket keeps its buffer";
-    output.ConfigureIf(First());
-    output.ConfigureIf(First());
-    EXPECT_EQ(SendBufferOf(output), 40000) << "in force at every ConfigureIf, doubled by Linux";
-    // A negative size is passed on: the kernel reads it as a huge unsigned number and grants its maximum.
-    output.SetSocketSendBufferSize(-1);
-    output.ConfigureIf(First());
-    EXPECT_EQ(SendBufferOf(output), largest);
-    output.SetSocketSendBufferSize(0);
-    output.ConfigureIf(First());
-    EXPECT_EQ(SendBufferOf(output), systemDefault);
+    // The size stored, the ConfigureIf calls that follow, and the buffer then in force: the open
+    // socket keeps its buffer; the size is in force at every ConfigureIf, doubled by Linux; a
+    // negative size is passed on, and the kernel reads it as a huge unsigned number and grants its maximum.
+    const struct {
+        int size, configures, expected;
+    } steps[] = {{20000, 0, systemDefault}, {20000, 2, 40000}, {-1, 1, largest}, {0, 1, systemDefault}};
+    for (const auto& step : steps) {
+        output.SetSocketSendBufferSize(step.size);
+        for (int i = 0; i < step.configures; ++i)
+            output.ConfigureIf(First());
+        EXPECT_EQ(inForce(), step.expected) << step.size << " and " << step.configures << " ConfigureIf";
+    }
 }
 
 // A frame's event, driven directly with a given lateness and through the scheduler: the frame
