@@ -71,6 +71,9 @@ for arch in amd64 armhf; do
     check "$arch: the tool's libraries are private" \
         test -z "$(dpkg-deb -c "$tool" | awk '{print $6}' | grep "^\./usr/lib/$multiarch/[^/]*\.so")"
 
+    # Root owns everything; everyone reads everything and enters every folder; only the program runs.
+    check "$arch: every entry is root's, with the mode its kind wants" test -z "$(for deb in "$plugin" "$tool"; do dpkg-deb -c "$deb"; done |
+        awk '$2 != "root/root" || ($1 != "drwxr-xr-x" && $1 != "-rw-r--r--" && !($1 == "-rwxr-xr-x" && $6 == "./usr/bin/lyrcap"))')"
     tree=$scratch/$arch
     dpkg -x "$plugin" "$tree" && dpkg -x "$tool" "$tree"
     packaged=$tree/usr/lib/$multiarch/lyr/plugins/liblyrpcap.so
@@ -126,6 +129,8 @@ else
         grep -qx "packets: *$(tcpdump -r /usr/share/lyrcap/samples/ethernet.pcap 2>/dev/null | wc -l)" "$scratch/out"
     check "amd64: lyrcap replay prints the sample as the build tree does" \
         test -n "$(replay_of_build ethernet.pcap)" -a "$(lyrcap replay 2>/dev/null)" = "$(replay_of_build ethernet.pcap)"
+    check "amd64: an ordinary user runs lyrcap replay with the installed plug-in" test -n "$(replay_of_build ethernet.pcap)" \
+        -a "$(setpriv --reuid=nobody --regid="$(id -g nobody)" --clear-groups lyrcap replay 2>/dev/null)" = "$(replay_of_build ethernet.pcap)"
     check "amd64: lyrcap replay of the RAW sample" \
         test "$(lyrcap replay /usr/share/lyrcap/samples/raw-multicast.pcap 2>/dev/null)" = "$(replay_of_build raw-multicast.pcap)"
     if grep -rqs 'path-exclude.*/usr/share/man' /etc/dpkg/dpkg.cfg.d/; then

@@ -81,6 +81,8 @@ TEST(EthFrame, AHeaderSetBeforeTheDataLandsInFrontOfThePayloadAndCapturedBytesRe
 {
     Lyr::BufferPool pool(1, 64);
     Lyr::EthFrame frame(pool.GetBuffer(), 0);
+    Kt::CSlice<unsigned char> none = frame.GetData().Prefix(0);
+    frame.SetData(none); // no room for a header: what is set waits for the data to widen
     frame.SetDstAddress(0x01005e000001ULL);
     frame.SetSrcAddress(0x001122334455ULL);
     frame.SetVlanPresent(false);

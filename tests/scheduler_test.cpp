@@ -164,6 +164,11 @@ TEST(WakeLateness, OneStrayWakeDoesNotHoldTheMarginUpAndASecondDoesUntilTheWindo
     for (size_t i = 0; i + 1 < Lyr::WakeLateness::Window; ++i)
         wakes.Add(40000);
     EXPECT_EQ(wakes.AllButWorst(), 40000); // only the 400 us wake is left of the two
+    // Each wake later than all before it: the one before the last is the margin.
+    Lyr::WakeLateness rising(0);
+    for (size_t i = 0; i < Lyr::WakeLateness::Window; ++i)
+        rising.Add(50000 + static_cast<Lyr::Nanoseconds>(i));
+    EXPECT_EQ(rising.AllButWorst(), 50000 + static_cast<Lyr::Nanoseconds>(Lyr::WakeLateness::Window) - 2);
 }
 
 // Events closer together than any margin keep the thread spinning; it spins at most half of each
