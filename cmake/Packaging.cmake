@@ -14,6 +14,8 @@ if(NOT changelog_head MATCHES "^lyrpcap \\(${PROJECT_VERSION}\\) ")
     message(FATAL_ERROR "packaging/changelog does not begin with version ${PROJECT_VERSION}: give the version an entry")
 endif()
 set(changelog_gz ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog.gz)
+# Ninja makes a custom command's output folder itself; Make does not.
+file(MAKE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/packaging)
 add_custom_command(OUTPUT ${changelog_gz}
     COMMAND gzip -9n < ${PROJECT_SOURCE_DIR}/packaging/changelog > ${changelog_gz}
     DEPENDS ${PROJECT_SOURCE_DIR}/packaging/changelog)
