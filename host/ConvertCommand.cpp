@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "FrameReader.h"
+#include "TimeStamps.h"
 
 #include <sys/stat.h>
 
@@ -62,7 +63,7 @@ int RunConvert(const std::vector<std::string>& args)
         std::cerr << "lyrcap convert: cannot create " << out << "\n";
         return ExitFailure;
     }
-    unsigned long long frames = 0, bytes = 0;
+    unsigned long long frames = 0, bytes = 0, changedStamps = 0;
     while (frames < range.count && !Interrupted()) {
         const Lyr::EthFrame* frame = reader.Next();
         if (!frame)
@@ -70,9 +71,15 @@ int RunConvert(const std::vector<std::string>& args)
         recording->Write(*frame);
         ++frames;
         bytes += frame->GetData().size;
+        changedStamps += !RecordingKeepsStamp(frame->GetTimestamp());
     }
     const unsigned long long duration = recording->GetDuration();
     recording.reset(); // the file is complete once closed
+    if (changedStamps != 0)
+        std::fprintf(stderr,
+                     "lyrcap convert: warning: %llu frames have time stamps that the recording cannot keep (before "
+                     "1970, or from 2038-01-19 03:14:08 UTC on); their stamps in %s differ\n",
+                     changedStamps, out.c_str());
     std::fprintf(stderr, "%llu frames, %llu bytes, %llu ms, %llu refused%s\n", frames, bytes, duration,
                  static_cast<unsigned long long>(reader.Refused()),
                  Interrupted() ? " (stopped by Ctrl-C: the output holds the frames so far)" : "");

@@ -14,7 +14,6 @@
 #include <cstring>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <iostream>
 
 namespace {
@@ -145,25 +144,6 @@ LogWatch::LogWatch()
 LogWatch::~LogWatch()
 {
     Kt::SetLogSink(nullptr);
-}
-
-std::string FormatEpoch(unsigned long long microseconds)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%llu.%06llu", microseconds / 1000000, microseconds % 1000000);
-    return text;
-}
-
-std::string FormatUtc(unsigned long long microseconds)
-{
-    std::time_t seconds = static_cast<std::time_t>(microseconds / 1000000);
-    std::tm utc{};
-    char date[32] = "?";
-    if (gmtime_r(&seconds, &utc))
-        std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &utc);
-    char text[64];
-    std::snprintf(text, sizeof text, "%s.%06llu UTC", date, microseconds % 1000000);
-    return text;
 }
 
 std::string FormatMac(unsigned long long mac)

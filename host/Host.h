@@ -52,10 +52,6 @@ private:
     std::atomic<std::uint64_t> transmitFailures{0};
 };
 
-// "1714564800.123456", as tcpdump -tt prints a time stamp.
-std::string FormatEpoch(unsigned long long microseconds);
-// "2024-05-01 12:00:00.123456 UTC".
-std::string FormatUtc(unsigned long long microseconds);
 std::string FormatMac(unsigned long long mac);
 // "1.5 MB", "812 kB", "96 B".
 std::string FormatBytes(double bytes);

@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "FrameReader.h"
+#include "TimeStamps.h"
 
 #include <cstdio>
 #include <iostream>
