@@ -25,13 +25,13 @@ rsync --recursive --links --perms --checksum --delete --exclude '/build*' --excl
 # a test fails. A test counts as failed only when it fails three times in a row: a test that
 # fails now and then on a loaded machine would otherwise pass for one that caught the fault.
 # No benchmarks: no test needs them. With "packages", the Debian packages are built and checked
-# too (scripts/test-packages.sh), since only they show what their own rules get wrong.
+# too (packaging/test-packages.sh), since only they show what their own rules get wrong.
 build_and_test() { # log, then "packages" or nothing
     { cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLYR_BUILD_BENCHMARKS=OFF &&
       cmake --build "$build" &&
       ctest --test-dir "$build" --no-tests=error -j2 --timeout 300 --stop-on-failure \
             --repeat until-pass:3 --output-on-failure &&
-      { [ "${2:-}" != packages ] || "$src/scripts/test-packages.sh"; }; } >"$1" 2>&1
+      { [ "${2:-}" != packages ] || "$src/packaging/test-packages.sh"; }; } >"$1" 2>&1
 }
 
 # The first test that failed (without the dump of its parameter), the first package check that
@@ -79,7 +79,7 @@ while IFS=$'\t' read -r -u 3 path old new; do
             print }' "$saved" >"$file"
         log=$logs/$total.log
         case "$path" in
-            cmake/Packaging.cmake | packaging/* | scripts/package.sh) suite=packages ;;
+            packaging/*) suite=packages ;;
             *) suite="" ;;
         esac
         if build_and_test "$log" $suite; then

@@ -1,20 +1,20 @@
 #!/usr/bin/env bash
 # Cross-builds the libraries, the host tool and the tests for 32-bit ARM hard-float into build/arm
-# and runs the suite: the live tests on an emulated ARM board (scripts/arm-board.sh), the rest
+# and runs the suite: the live tests on an emulated ARM board (arm/board.sh), the rest
 # under qemu-arm.
-#   scripts/test-arm.sh [ctest arguments for the qemu-arm run]
-# Installs what is missing (scripts/setup-arm.sh, scripts/setup-arm-board.sh): the cross compiler,
+#   arm/test.sh [ctest arguments for the qemu-arm run]
+# Installs what is missing (arm/setup.sh, arm/setup-board.sh): the cross compiler,
 # qemu-user and libpcap for armhf, the last through multiarch or, when the mirror's armhf index is
 # out of step with the native one, as packages unpacked into build/arm/sysroot; qemu-system-arm
 # and the board's kernel and root file system, in build/arm/board.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=$root/build/arm
-pcap_sysroot=$("$root/scripts/setup-arm.sh")
+pcap_sysroot=$("$root/arm/setup.sh")
 
 echo "=== arm build"
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake" -DLYR_ARM_SYSROOT="$pcap_sysroot" \
+    -DCMAKE_TOOLCHAIN_FILE="$root/arm/toolchain-armhf.cmake" -DLYR_ARM_SYSROOT="$pcap_sysroot" \
     -DLYR_SANITIZE=trap -DLYR_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build "$build" -j2
 echo "=== arm tests (qemu-arm)"
@@ -22,8 +22,8 @@ echo "=== arm tests (qemu-arm)"
 ctest --test-dir "$build" --no-tests=error --output-on-failure --timeout 300 -j2 -LE live "$@"
 
 echo "=== arm live tests (emulated board)"
-"$root/scripts/setup-arm-board.sh"
-# Each live test as CTest would start it, one board_test line each (see scripts/board/run-tests.sh).
+"$root/arm/setup-board.sh"
+# Each live test as CTest would start it, one board_test line each (see arm/board/run-tests.sh).
 # LYR_NO_DEVICES tells a test that it runs under qemu-user; the board has devices.
 tests=$build/board/live-tests.sh
 {
@@ -37,6 +37,6 @@ tests=$build/board/live-tests.sh
 } >"$tests"
 grep -q "^'board_test'" "$tests" || { echo "no live test found in $build" >&2; exit 1; }
 board_status=0
-"$root/scripts/arm-board.sh" "$tests" || board_status=$?
-"$root/scripts/arm-board-results.sh" "$build/board/console.log" "$(grep -c "^'board_test'" "$tests")"
+"$root/arm/board.sh" "$tests" || board_status=$?
+"$root/arm/board-results.sh" "$build/board/console.log" "$(grep -c "^'board_test'" "$tests")"
 exit "$board_status"

@@ -2,7 +2,7 @@
 # Builds the fuzz flavour (clang, libFuzzer, AddressSanitizer and UndefinedBehaviorSanitizer) and
 # runs the capture-file fuzz target for a bounded time, starting from a seed corpus that the
 # fixture writer makes afresh.
-#   scripts/fuzz.sh [SECONDS]    default 60
+#   fuzz/fuzz.sh [SECONDS]    default 60
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 seconds=${1:-60}

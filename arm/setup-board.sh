@@ -4,8 +4,8 @@
 # bash, coreutils, util-linux, iproute2, tcpdump and tcpreplay with the libraries they load,
 # libpcap, the C and C++ run-time libraries, and the veth module. Kept in build/arm/board, and
 # made again only when this script changes.
-#   scripts/setup-arm-board.sh
-# leaves there vmlinuz and root.cpio.gz, the base of the initramfs that scripts/arm-board.sh
+#   arm/setup-board.sh
+# leaves there vmlinuz and root.cpio.gz, the base of the initramfs that arm/board.sh
 # boots with the build's programs added.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -14,7 +14,7 @@ board=$root/build/arm/board
 stamp=$(sha1sum <"$0")
 [ "$(cat "$board/.complete" 2>/dev/null)" = "$stamp" ] && exit 0
 
-source "$root/scripts/armhf-packages.sh"
+source "$root/arm/packages.sh"
 userland=(busybox-static:armhf dash:armhf bash:armhf coreutils:armhf util-linux:armhf iproute2:armhf
     tcpdump:armhf tcpreplay:armhf libpcap0.8:armhf libc6:armhf libstdc++6:armhf libgcc-s1:armhf)
 

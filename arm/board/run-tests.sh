@@ -1,4 +1,4 @@
-# Sourced on the board by the list of tests that scripts/test-arm.sh makes: one board_test line a
+# Sourced on the board by the list of tests that arm/test.sh makes: one board_test line a
 # test, as CTest would run it, each framed by markers that the host turns into the summary.
 #   board_test NAME WORKING_DIRECTORY [VAR=VALUE...] COMMAND [ARGS...]
 export GTEST_COLOR=no # the console is a terminal, its log is read as text

@@ -6,7 +6,7 @@
 # stands in for at build time: through multiarch libstdc++6:armhf is installed beside libpcap (libc6
 # and libgcc-s1 come with it), and beside the sysroot their packages are kept in
 # build/arm/runtime-debs.
-#   scripts/setup-arm.sh    prints the sysroot's path, or nothing when multiarch installed libpcap
+#   arm/setup.sh    prints the sysroot's path, or nothing when multiarch installed libpcap
 set -euo pipefail
 exec 3>&1 1>&2 # standard output carries the answer alone
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -16,7 +16,7 @@ runtime=$build/runtime-debs
 triple=arm-linux-gnueabihf
 "$root/scripts/install-deps.sh" g++-$triple qemu-user googletest
 
-source "$root/scripts/armhf-packages.sh"
+source "$root/arm/packages.sh"
 
 # Debian's armhf packages unpacked into the sysroot, with the cross toolchain's own libraries
 # linked in, so that one `qemu-arm -L` prefix holds everything a program loads.

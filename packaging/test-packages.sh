@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the Debian packages (scripts/package.sh all) and checks them:
+# Builds the Debian packages (packaging/package.sh all) and checks them:
 # - lintian reports no error on any of them;
 # - each depends on what it must: the plug-in on libpcap at the version built against and on
 #   nothing of the framework, the tool on the plug-in of its own version;
@@ -12,7 +12,7 @@
 set -u
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/install-deps.sh" lintian bash-completion man-db || exit 1
-"$root/scripts/package.sh" all || exit 1
+"$root/packaging/package.sh" all || exit 1
 echo "=== package checks"
 packages=$root/build/packages
 version=$(dpkg-deb -f "$packages"/lyrcap_*_amd64.deb Version)
@@ -86,7 +86,7 @@ for arch in amd64 armhf; do
 done
 
 echo "--- armhf: the unpacked packages under qemu-arm"
-sysroot=$("$root/scripts/setup-arm.sh")
+sysroot=$("$root/arm/setup.sh")
 run_arm() { qemu-arm -L "${sysroot:-/usr/arm-linux-gnueabihf}" "$scratch/armhf/usr/bin/lyrcap" "$@"; }
 arm_lib=$scratch/armhf/usr/lib/arm-linux-gnueabihf
 check "armhf: lyrcap --version" test "$(run_arm --version)" = "lyrcap ${version%%-*}"

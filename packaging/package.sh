@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # Builds the Debian packages of the plug-in (lyr-plugin-pcap) and the host tool (lyrcap) into
 # build/packages/, with CPack's DEB generator.
-#   scripts/package.sh [amd64|armhf|all]      (default: all)
+#   packaging/package.sh [amd64|armhf|all]      (default: all)
 # Each architecture has a build tree of its own, build/package/<arch>, configured as a package
 # wants it: under /usr with the multiarch library folder, Debian's hardening flags
 # (dpkg-buildflags), no sanitizer, no tests. armhf is cross-built with the toolchain and the
-# libpcap that scripts/setup-arm.sh provides, the ones the ARM tests use.
+# libpcap that arm/setup.sh provides, the ones the ARM tests use.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 out=$root/build/packages
@@ -43,8 +43,8 @@ build_packages() {
     if [ "$arch" != "$(dpkg --print-architecture)" ]; then
         [ "$arch" = armhf ] || { echo "no cross toolchain for $arch" >&2; return 1; }
         local sysroot
-        sysroot=$("$root/scripts/setup-arm.sh")
-        options=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake" -DLYR_ARM_SYSROOT="$sysroot")
+        sysroot=$("$root/arm/setup.sh")
+        options=(-DCMAKE_TOOLCHAIN_FILE="$root/arm/toolchain-armhf.cmake" -DLYR_ARM_SYSROOT="$sysroot")
         if [ -n "$sysroot" ]; then
             add_package_trees "$multiarch" "$root"/build/arm/debs/*.deb "$root"/build/arm/runtime-debs/*.deb
         fi

@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# Figures from the emulated ARM board (scripts/arm-board.sh), reported and never judged:
+# Figures from the emulated ARM board (arm/board.sh), reported and never judged:
 # packet_path_bench, then lyrcap send and lyrcap capture on a veth pair of the board. Under
 # full-system emulation every instruction is translated, so the figures say how the ARM build's
 # packet path compares with the bare copy in the same run, and that frames go out and come back
 # complete and counted; not how fast a real board is.
-#   scripts/bench-arm-board.sh      (after scripts/test-arm.sh has made build/arm)
+#   arm/bench-board.sh      (after arm/test.sh has made build/arm)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=$root/build/arm
-[ -e "$build/CMakeCache.txt" ] || { echo "no ARM build: run scripts/test-arm.sh first" >&2; exit 1; }
+[ -e "$build/CMakeCache.txt" ] || { echo "no ARM build: run arm/test.sh first" >&2; exit 1; }
 cmake -B "$build" -DLYR_BUILD_BENCHMARKS=ON >/dev/null
 cmake --build "$build" -j2 --target packet_path_bench lyrcap make-fixture lyrpcap
 
@@ -40,5 +40,5 @@ echo "capture: \$(tail -n 1 capture.err)"
 echo "frames in the recording: \$(tcpdump -r captured.pcap 2>/dev/null | wc -l)"
 SANDBOX
 EOF
-"$root/scripts/arm-board.sh" "$script"
+"$root/arm/board.sh" "$script"
 sed -n '/^@@board: up/,/^@@board: end/p' "$build/board/console.log"

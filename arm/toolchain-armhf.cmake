@@ -1,10 +1,10 @@
 # 32-bit ARM Linux, hard-float (ARMv7-A), with Debian's cross compiler g++-arm-linux-gnueabihf.
 #
-#   cmake -DCMAKE_TOOLCHAIN_FILE=cmake/toolchain-armhf.cmake [-DLYR_ARM_SYSROOT=DIR] ...
+#   cmake -DCMAKE_TOOLCHAIN_FILE=arm/toolchain-armhf.cmake [-DLYR_ARM_SYSROOT=DIR] ...
 #
 # The armhf libraries that are not part of the cross toolchain (libpcap and what it needs at run
 # time) come either from a multiarch install into / or from Debian packages unpacked into
-# LYR_ARM_SYSROOT; scripts/setup-arm.sh makes whichever works. Programs built here run under
+# LYR_ARM_SYSROOT; arm/setup.sh makes whichever works. Programs built here run under
 # qemu-arm, which CTest and gtest_discover_tests call through CMAKE_CROSSCOMPILING_EMULATOR.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)

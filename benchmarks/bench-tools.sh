@@ -3,7 +3,7 @@
 # files: info against capinfos, convert against tcpdump -r -w and editcap, send --topspeed
 # against tcpreplay --topspeed on a veth pair; then the file back-end and the live input's packet
 # path against bare libpcap (benchmarks/capture_file_bench, benchmarks/packet_path_bench).
-#   scripts/bench-tools.sh [--runs N]     (default 5)
+#   benchmarks/bench-tools.sh [--runs N]     (default 5)
 # Each ratio is their time over ours for the same job in the same round (above 1: lyrcap is
 # faster; for send, our frame rate over theirs), as the median [min, max] of the rounds; the
 # order of the two turns every round. The captures (2,000,000 x 64 B and 300,000 x 1500 B, about

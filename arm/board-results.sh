@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Reads the board's console for the markers of scripts/board/run-tests.sh and reports each test:
+# Reads the board's console for the markers of arm/board/run-tests.sh and reports each test:
 # passed (status 0, nothing skipped), SKIPPED or FAILED, with the output of those that did not
 # pass. On the board a test has what it needs, so a skip (status 77, a GoogleTest "[  SKIPPED ]",
 # a script's "skipped:" line) counts as a failure, and so does a test that never reported.
-#   scripts/arm-board-results.sh CONSOLE_LOG EXPECTED_TESTS
+#   arm/board-results.sh CONSOLE_LOG EXPECTED_TESTS
 set -euo pipefail
 awk -v expected="$2" '
     /^@@test: start / { name = $3; output = ""; skipped = 0; next }

@@ -10,9 +10,9 @@
 # `chrt -f 10`, so that each priority is compared with its like.
 # Prints, per frame size, the highest zero-drop rate of each, and the packet-path benchmark.
 #
-#   scripts/bench-live-input.sh                 (build/release must exist: scripts/build.sh)
-#   SECONDS_PER_RUN=10 RATES_64="..." RATES_1500="..." scripts/bench-live-input.sh
-#   LOAD=2 scripts/bench-live-input.sh          (a busy machine: 2 busy loops at ordinary priority)
+#   benchmarks/bench-live-input.sh                 (build/release must exist: scripts/build.sh)
+#   SECONDS_PER_RUN=10 RATES_64="..." RATES_1500="..." benchmarks/bench-live-input.sh
+#   LOAD=2 benchmarks/bench-live-input.sh          (a busy machine: 2 busy loops at ordinary priority)
 set -u
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD:-$root/build/release}

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Boots the emulated 32-bit ARM board (scripts/setup-arm-board.sh: qemu-system-arm, machine
+# Boots the emulated 32-bit ARM board (arm/setup-board.sh: qemu-system-arm, machine
 # "virt" with 2 CPUs) with the programs of build/arm at their own paths, runs SCRIPT there as
 # root, and powers it off.
-#   scripts/arm-board.sh SCRIPT
+#   arm/board.sh SCRIPT
 # The board's console is written to build/arm/board/console.log. Fails, with the end of that
 # log, when the board does not reach the end of SCRIPT within ARM_BOARD_TIMEOUT seconds (default
 # 900); otherwise exits with SCRIPT's status.
@@ -12,7 +12,7 @@ build=$root/build/arm
 board=$build/board
 script=$(realpath "$1")
 timeout=${ARM_BOARD_TIMEOUT:-900}
-"$root/scripts/setup-arm-board.sh"
+"$root/arm/setup-board.sh"
 
 # The initramfs is the cached root with a second archive behind it, which the kernel unpacks over
 # the first: the build's programs and libraries, the test scripts, and the board's own files.
@@ -26,9 +26,9 @@ mkdir -p "$overlay/board" "$overlay/usr/bin"
 while IFS= read -r -d '' file; do
     [ "$(head -c 4 "$file" | tail -c 3)" != ELF ] || arm-linux-gnueabihf-strip --strip-debug "$file"
 done < <(find "$overlay$build" -type f -print0)
-cp "$root/scripts/board/init" "$overlay/init"
-cp "$root/scripts/board/qemu-arm" "$overlay/usr/bin/qemu-arm"
-cp "$root/scripts/board/run-tests.sh" "$overlay/board/"
+cp "$root/arm/board/init" "$overlay/init"
+cp "$root/arm/board/qemu-arm" "$overlay/usr/bin/qemu-arm"
+cp "$root/arm/board/run-tests.sh" "$overlay/board/"
 install -m 755 "$script" "$overlay/board/run"
 (cd "$overlay" && find . | cpio -o -H newc -R 0:0 --quiet | gzip -1) >"$board/overlay.cpio.gz"
 cat "$board/root.cpio.gz" "$board/overlay.cpio.gz" >"$board/initrd"

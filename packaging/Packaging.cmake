@@ -1,4 +1,4 @@
-# Debian packages, one per install component, made by CPack's DEB generator; scripts/package.sh
+# Debian packages, one per install component, made by CPack's DEB generator; packaging/package.sh
 # configures a tree for them and runs cpack.
 #   plugin: the plug-in module alone, in the framework's plug-in folder
 #   tool:   lyrcap with its private copies of the framework and toolkit, samples, manual page

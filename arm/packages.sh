@@ -1,5 +1,5 @@
 # Fetching Debian's armhf packages on this (amd64) machine without installing them: sourced by
-# scripts/setup-arm.sh (the build's sysroot) and scripts/setup-arm-board.sh (the emulated board).
+# arm/setup.sh (the build's sysroot) and arm/setup-board.sh (the emulated board).
 
 armhf_sudo=""
 [ "$(id -u)" -eq 0 ] || armhf_sudo=sudo
