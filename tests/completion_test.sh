@@ -12,15 +12,9 @@ bash_completion=/usr/share/bash-completion/bash_completion
 source "$bash_completion"
 # shellcheck source=/dev/null
 source "$completion"
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
+source "${BASH_SOURCE%/*}/lib.sh"
 cd "$dir" || exit 1
 touch trace.pcap plugin.so
-failures=0
-check() {
-    local what=$1; shift
-    if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; failures=$((failures + 1)); fi
-}
 
 # The offers for a command line whose last word is being completed, one a line, sorted.
 offers() {
@@ -69,4 +63,4 @@ check "list-devices takes nothing" test -z "$(offers list-devices "")"
 check "convert takes two files, then nothing" \
     test "$(offers convert trace.pcap "")|$(offers convert trace.pcap out.pcap "")" = $'plugin.so\ntrace.pcap|'
 
-exit $((failures != 0))
+finish

@@ -4,11 +4,8 @@
 #   doc_links_test.sh SOURCE_DIR
 set -u
 source=$1
-failures=0 links=0
-check() {
-    local what=$1; shift
-    if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; failures=$((failures + 1)); fi
-}
+links=0
+source "${BASH_SOURCE%/*}/lib.sh"
 # A heading's anchor as the renderers make it: lower case, spaces to dashes, punctuation gone.
 has_anchor() { sed -n 's/^#\{1,6\} //p' "$1" | tr 'A-Z ' 'a-z-' | tr -cd 'a-z0-9_\n-' | grep -qxF -- "$2"; }
 
@@ -28,4 +25,4 @@ for page in "$source/README.md" "$source"/docs/*.md; do
     done < <(sed 's/`[^`]*`//g' "$page" | grep -o ']([^)]*)' | sed 's/^](\(.*\))$/\1/' | grep -v '^[a-z]*:')
 done
 check "the manual has links to check ($links)" test "$links" -gt 0
-[ "$failures" = 0 ]
+finish

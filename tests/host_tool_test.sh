@@ -5,22 +5,17 @@ lyrcap=$1
 make_fixture=$2
 version=$3
 plugin=$4
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
-failures=0
-
-check() { # description, then the command's condition
-    local what=$1; shift
-    if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; failures=$((failures + 1)); fi
-}
+source "${BASH_SOURCE%/*}/lib.sh"
 status() { "$@" >"$dir/out" 2>"$dir/err"; echo $?; }
+# A command that fails (1) and says why: what, the message's pattern, then lyrcap's arguments.
+fails() { local what=$1 why=$2; shift 2; check "$what fails" test "$(status "$lyrcap" "$@")" = 1; check "$what says: $why" grep -q "$why" "$dir/err"; }
 
 "$make_fixture" samples "$dir" >/dev/null || { echo "make-fixture failed"; exit 1; }
 eth="$dir/ethernet.pcap"
 raw="$dir/raw-multicast.pcap"
 expected=$(tcpdump -r "$eth" 2>/dev/null | wc -l)
 
-check "--help exits 0" test "$(status "$lyrcap" --help)" = 0
+for words in --help "capture --help" "send --help"; do check "lyrcap $words exits 0" test "$(status "$lyrcap" $words)" = 0; done
 check "--version exits 0" test "$(status "$lyrcap" --version)" = 0
 check "--version prints the project's version" test "$(cat "$dir/out")" = "lyrcap $version"
 check "info --help needs no plug-in" test "$(status "$lyrcap" --plugin /nonexistent.so info --help)" = 0
@@ -32,12 +27,7 @@ check "replay sums up on standard error" grep -q "^$expected frames, " "$dir/err
 check "replay --count stops" test "$(status "$lyrcap" replay "$eth" --count 3; lines)" = "$(printf '0\n3')"
 check "RAW multicast gets a group address" \
     bash -c "'$lyrcap' replay '$raw' 2>/dev/null | grep -q '01:00:5e:00:00:01 > 00:00:00:00:00:00  0x0800 IPv4'"
-check "bad count is a usage error" test "$(status "$lyrcap" replay "$eth" --count 0)" = 2
-check "unknown option is a usage error" test "$(status "$lyrcap" info --bogus)" = 2
-check "unknown option before the command is a usage error" test "$(status "$lyrcap" --bogus info "$eth")" = 2
-check "unknown command is a usage error" test "$(status "$lyrcap" bogus)" = 2
-check "missing file fails" test "$(status "$lyrcap" info "$dir/none.pcap")" = 1
-check "missing file is named" grep -q "Error reading pcap file" "$dir/err"
+fails "a missing file" "Error reading pcap file" info "$dir/none.pcap"
 # Seeking: the position column counts from the first packet; the packet at the target is
 # consumed, so the replay starts behind it.
 check "replay --seek 0 gives every frame" test "$(status "$lyrcap" replay "$eth" --seek 0; lines)" = "$(printf '0\n%s' "$expected")"
@@ -45,8 +35,7 @@ status "$lyrcap" replay "$eth" >/dev/null; cp "$dir/out" "$dir/all"
 after50=$(awk '$2 >= 50' "$dir/all" | tail -n +2)
 check "replay --seek 50 starts behind the first frame at 50 ms" \
     test "$(status "$lyrcap" replay "$eth" --seek 50; cat "$dir/out")" = "$(printf '0\n%s' "$after50")"
-check "replay --seek beyond the duration fails" test "$(status "$lyrcap" replay "$eth" --seek 100000)" = 1
-check "the refused seek says how long the file lasts" grep -q "cannot seek to 100000 ms: .* lasts [0-9]* ms" "$dir/err"
+fails "replay --seek beyond the duration" "cannot seek to 100000 ms: .* lasts [0-9]* ms" replay "$eth" --seek 100000
 duration=$("$lyrcap" info "$eth" 2>/dev/null | awk '/^duration:/ {print $2}')
 check "replay --seek to the duration itself fails" test "$(status "$lyrcap" replay "$eth" --seek "$duration")" = 1
 
@@ -114,14 +103,18 @@ check "convert --from --count cuts a slice" \
     test "$(status "$lyrcap" convert "$eth" "$dir/slice.pcap" --from 50 --count 3; dump "$dir/slice.pcap" | grep -c '^[0-9]')" = "$(printf '0\n3')"
 check "the slice starts where replay --seek does" \
     test "$(tcpdump -tt -r "$dir/slice.pcap" 2>/dev/null | head -1 | cut -d' ' -f1)" = "$(printf '%s\n' "$after50" | head -1 | cut -d' ' -f1)"
-check "convert needs two files" test "$(status "$lyrcap" convert "$eth")" = 2
-check "convert refuses to overwrite its input" test "$(status "$lyrcap" convert "$eth" "$eth")" = 2
+# Usage errors: a bad count, port or host, an unknown option (before the command too) or command,
+# a missing argument, options that exclude each other, and a copy onto its own input.
+for words in "replay $eth --count 0" "info --bogus" "--bogus info $eth" bogus "convert $eth" "convert $eth $eth" capture \
+    "capture lo --port 70000" "capture lo --host 10.0.0" "capture lo --host 10.0.0.1x" "capture lo --host 10.0.0.256" \
+    "send $eth" "send $eth lo --speed 2 --topspeed"; do
+    check "lyrcap ${words//$dir\//} is a usage error" test "$(status "$lyrcap" $words)" = 2
+done
 check "convert to a missing directory fails" test "$(status "$lyrcap" convert "$eth" "$dir/no/such.pcap")" = 1
 
 # The command line as people type it: options in both forms, repeated (the last counts), before
 # and after the file, and given last without their value.
-check "--plugin PATH loads the plug-in" test "$(status "$lyrcap" --plugin "$plugin" info "$eth")" = 0
-check "--plugin=PATH loads the plug-in" test "$(status "$lyrcap" --plugin="$plugin" info "$eth")" = 0
+for form in "--plugin $plugin" "--plugin=$plugin"; do check "$form loads the plug-in" test "$(status "$lyrcap" $form info "$eth")" = 0; done
 check "--count=N, --count N before the file and a repeated --count" \
     test "$("$lyrcap" replay --count=2 "$eth" | wc -l) $("$lyrcap" replay --count 9 "$eth" --count 3 | wc -l)" = "2 3"
 for words in "--plugin" "replay $eth --count" "replay $eth --seek" "convert $eth $dir/x.pcap --from" "capture lo --host"; do
@@ -129,22 +122,9 @@ for words in "--plugin" "replay $eth --count" "replay $eth --seek" "convert $eth
     check "lyrcap $option given last without its value is a usage error" test "$(status "$lyrcap" $words)" = 2
     check "which names the option" grep -q "option $option needs a value" "$dir/err"
 done
-for host in 10.0.0 10.0.0.1x 10.0.0.256; do
-    check "capture refuses the host $host" test "$(status "$lyrcap" capture lo --host $host)" = 2
-done
 
-check "missing plug-in fails" test "$(status "$lyrcap" --plugin "$dir/none.so" info "$eth")" = 1
-check "missing plug-in is named" grep -q "cannot load plug-in $dir/none.so" "$dir/err"
-check "capture --help exits 0" test "$(status "$lyrcap" capture --help)" = 0
-check "capture needs a device" test "$(status "$lyrcap" capture)" = 2
-check "capture refuses a port beyond 16 bits" test "$(status "$lyrcap" capture lo --port 70000)" = 2
-check "capture of an unknown device fails" test "$(status "$lyrcap" capture nosuch0 --count 1)" = 1
-check "the unknown device is named" grep -q "Error attempting to configure interface(nosuch0)" "$dir/err"
+fails "a missing plug-in" "cannot load plug-in $dir/none.so" --plugin "$dir/none.so" info "$eth"
+fails "capture of an unknown device" "Error attempting to configure interface(nosuch0)" capture nosuch0 --count 1
+fails "send to a missing device" "^Failed to open port for transmitting: " send "$eth" lyrnosuchdev0
 
-check "send --help exits 0" test "$(status "$lyrcap" send --help)" = 0
-check "send needs a device" test "$(status "$lyrcap" send "$eth")" = 2
-check "send: --speed and --topspeed exclude each other" test "$(status "$lyrcap" send "$eth" lo --speed 2 --topspeed)" = 2
-check "send to a missing device fails" test "$(status "$lyrcap" send "$eth" lyrnosuchdev0)" = 1
-check "send names why" grep -q "^Failed to open port for transmitting: " "$dir/err"
-
-exit $((failures != 0))
+finish

@@ -7,13 +7,7 @@ set -u
 build=$1 prefix=$2 bindir=$3 libdir=$4 datadir=$5 mandir=$6
 shift 6
 emulator=("$@")
-dir=$(mktemp -d)
-trap 'rm -rf "$dir"' EXIT
-failures=0
-check() {
-    local what=$1; shift
-    if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; failures=$((failures + 1)); fi
-}
+source "${BASH_SOURCE%/*}/lib.sh"
 
 DESTDIR=$dir cmake --install "$build" >"$dir/install.log" 2>&1 || { cat "$dir/install.log"; exit 1; }
 stage=$dir$prefix
@@ -51,9 +45,9 @@ check "the staged lyrcap runs info without --plugin" test $? = 0
 loaded() { # the real path of the initialised file of that name
     sed -n "s|.*calling init: \(.*/$1\)\$|\1|p" "$dir/err" | head -1 | xargs -r realpath
 }
-check "it loads the plug-in from the tree" test "$(loaded liblyrpcap.so)" = "$(realpath "$stage/$libdir/lyr/plugins/liblyrpcap.so")"
-check "it loads liblyr.so from its private folder" test "$(loaded liblyr.so)" = "$(realpath "$stage/$libdir/lyrcap/liblyr.so")"
-check "it loads libkttools.so from its private folder" test "$(loaded libkttools.so)" = "$(realpath "$stage/$libdir/lyrcap/libkttools.so")"
+for file in lyr/plugins/liblyrpcap.so lyrcap/liblyr.so lyrcap/libkttools.so; do # the plug-in, then the private folder
+    check "it loads $file from the tree" test "$(loaded "${file##*/}")" = "$(realpath "$stage/$libdir/$file")"
+done
 check "it reads the sample of the tree" grep -qx "file: *$(realpath "$stage/$datadir/lyrcap/samples/ethernet.pcap")" "$dir/out"
 
 # An ordinary user runs the staged tool with the staged plug-in.
@@ -65,4 +59,4 @@ else
     echo "skipped: running as an ordinary user needs root and the user nobody"
 fi
 
-exit $((failures != 0))
+finish

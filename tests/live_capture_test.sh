@@ -16,41 +16,33 @@ command -v tcpreplay >/dev/null || { echo "tcpreplay is missing: skipped"; exit 
 ip link add lyrveth0 type veth peer name lyrveth1 || { echo "cannot make a veth pair: skipped"; exit 77; }
 sysctl -qw net.ipv6.conf.lyrveth0.disable_ipv6=1 net.ipv6.conf.lyrveth1.disable_ipv6=1
 ip link set lyrveth0 up && ip link set lyrveth1 up
-dir=$(mktemp -d)
+source "${BASH_SOURCE%/*}/lib.sh"
 pid=
 trap 'rm -rf "$dir"; [ -n "$pid" ] && kill "$pid" 2>/dev/null' EXIT
-failures=0
-check() {
-    local what=$1; shift
-    if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; failures=$((failures + 1)); fi
-}
 
 check "list-devices lists the pair and the loopback device" \
     bash -c "'$lyrcap' list-devices | grep -q '^lyrveth0 ' && '$lyrcap' list-devices | grep -q '^lo  (.*loopback'"
 
 "$make_fixture" bench "$dir/traffic.pcap" --packets 100 --size 200 >/dev/null || exit 1
-# Sends the traffic until the capture ends (at most ~10 s): the capture opens on its own time.
-send_while_running() {
+# Tries the condition every tenth of a second until it holds (at most ~30 s, or more with the
+# traffic); with "send", sends the traffic between tries: the capture opens on its own time.
+await() { # send or nothing, then the condition
+    local send=$1; shift
     for _ in $(seq 1 300); do
-        kill -0 "$pid" 2>/dev/null || return 0
-        tcpreplay -q -i lyrveth1 "$dir/traffic.pcap" >/dev/null 2>&1
+        "$@" && return 0
+        [ "$send" != send ] || tcpreplay -q -i lyrveth1 "$dir/traffic.pcap" >/dev/null 2>&1
         sleep 0.1
     done
+    return 1
 }
+ended() { ! kill -0 "$pid" 2>/dev/null; }
 packets() { tcpdump -r "$1" 2>/dev/null | wc -l; }
 # Every frame of a capture as one line of hex, link header included, for matching by content.
 frames() {
     tcpdump -r "$1" -xx -nn 2>/dev/null |
         awk '/^[^ \t]/ { if (f != "") print f; f = ""; next } { for (i = 2; i <= NF; i++) f = f $i } END { if (f != "") print f }'
 }
-# Waits (at most 30 s) until the running capture's thread exists.
-await_capture_thread() {
-    for _ in $(seq 1 300); do
-        grep -qx LYR-PcapInIf /proc/"$pid"/task/*/comm 2>/dev/null && return 0
-        sleep 0.1
-    done
-    return 1
-}
+capture_thread() { grep -qx LYR-PcapInIf /proc/"$pid"/task/*/comm 2>/dev/null; }
 # Scheduling policy and realtime priority of the running capture's threads ("1 10": FIFO at 10),
 # the capture thread's first, then the main thread's.
 policies() {
@@ -63,7 +55,7 @@ policies() {
 
 # --seconds: a capture that never delivers ends the test instead of hanging it.
 "$lyrcap" capture lyrveth0 --count 50 --seconds 120 -w "$dir/count.pcap" 2>"$dir/err" & pid=$!
-send_while_running
+await send ended
 wait "$pid"; check "capture --count exits 0" test $? = 0; pid=
 check "the summary counts 50 frames" grep -q "^50 frames, 10000 bytes captured" "$dir/err"
 check "tcpdump reads all 50" test "$(tcpdump -r "$dir/count.pcap" 2>/dev/null | wc -l)" = 50
@@ -76,27 +68,22 @@ fi
 check "frames are recorded whole" test "$(frames "$dir/count.pcap" | sort -u | comm -23 - <(frames "$dir/traffic.pcap" | sort -u) | wc -l)" = 0
 
 "$lyrcap" capture lyrveth0 --port 5001 --seconds 3 --priority 0 -w "$dir/filtered.pcap" 2>"$dir/err" & pid=$!
-await_capture_thread
+await "" capture_thread
 check "--priority 0 leaves the capture thread at ordinary priority" test "$(policies | tr '\n' ' ')" = "0 0 0 0 "
-send_while_running
+await send ended
 wait "$pid"; check "capture --seconds exits 0" test $? = 0; pid=
 check "a port nobody sends to keeps everything out" test "$(packets "$dir/filtered.pcap")" = 0
 check "the status line shows the counters" grep -q "frames, .*dropped, .* frames/s" "$dir/err"
 
 "$lyrcap" capture lyrveth0 --host 10.0.0.2 --port 5000 -w "$dir/interrupted.pcap" 2>"$dir/err" & pid=$!
-await_capture_thread
+await "" capture_thread
 if grep -q "realtime priority refused" "$dir/err"; then # a system that grants none: said, and ordinary
     check "a refused realtime priority leaves the capture at ordinary priority" test "$(policies | tr '\n' ' ')" = "0 0 0 0 "
 else
     check "the capture thread runs at realtime priority 10, the main thread gave it up" \
         test "$(policies | tr '\n' ' ')" = "1 10 0 0 "
 fi
-# Traffic until the status line counts some (the open takes its own time), at most ~30 s.
-for _ in $(seq 1 300); do
-    grep -q "^[1-9][0-9]* frames, " "$dir/err" && break
-    tcpreplay -q -i lyrveth1 "$dir/traffic.pcap" >/dev/null 2>&1
-    sleep 0.1
-done
+await send grep -q "^[1-9][0-9]* frames, " "$dir/err" # traffic until the status line counts some
 kill -INT "$pid"; wait "$pid"; check "Ctrl-C exits 130" test $? = 130; pid=
 tcpdump -r "$dir/interrupted.pcap" >/dev/null 2>"$dir/tcpdump.err"
 check "the interrupted recording is complete" test $? = 0 -a -z "$(grep -i truncated "$dir/tcpdump.err")"
@@ -127,4 +114,4 @@ else
     echo "skipped: the refused priority (setpriv cannot drop CAP_SYS_NICE here)"
 fi
 
-exit $((failures != 0))
+finish
