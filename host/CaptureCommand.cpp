@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "Host.h"
+#include "Recorder.h"
 
 #include <lyr/EthFrame.h>
 #include <lyr/NetFile.h>
@@ -26,7 +27,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const char* const Help = R"(Usage: lyrcap capture DEVICE [--host A] [--port P] [--count N] [--seconds S] [-w FILE]
-                      [--priority P]
+                      [--file-size MB [--files N]] [--priority P]
 
 Captures the traffic of a network device through the live back-end, as the framework does:
 the back-end's own thread opens the device (promiscuous, snap length 9022) and hands every
@@ -41,7 +42,16 @@ Options:
   --count N     stop after N frames
   --seconds S   stop after S seconds
   -w FILE       record every delivered frame into FILE (libpcap format, Ethernet, snap length
-                9022) through the capture-file back-end; Ctrl-C leaves a complete file
+                9022) through the capture-file back-end; Ctrl-C leaves a complete file. Frames
+                reach the file within a second. Should writing fail (a full disk), the capture
+                stops within about a second, says why and how many frames were lost, and
+                exits 1; the file stays readable up to its last whole frame
+  --file-size MB
+                record into a ring of files instead, each a complete capture of at most MB
+                megabytes (10^6 bytes), named with a number before the extension
+                (ring.pcap: ring_00001.pcap, ring_00002.pcap, ...)
+  --files N     keep only the newest N files of the ring, removing the oldest as the next
+                one starts
   --priority P  the capture thread's realtime priority, 1 to 99 (default 10), or 0 for the
                 ordinary one. The back-end hands packets over within a millisecond and its
                 kernel buffer covers only a few milliseconds of a thread that is kept waiting,
@@ -57,14 +67,17 @@ struct Tally {
     std::atomic<unsigned long long> bytes{0};
     unsigned long long limit = std::numeric_limits<unsigned long long>::max();
     bool bLimitReached = false; // guarded by mutex
-    Lyr::NetFile* file = nullptr;
+    Recorder* recorder = nullptr;
+    std::atomic<bool> bWriteFailed{false};
 
     void Deliver(const Lyr::EthFrame& frame)
     {
-        if (frames.load() >= limit)
+        if (frames.load() >= limit || bWriteFailed)
             return; // frames after the last one wanted, until the main thread stops the capture
-        if (file)
-            file->Write(frame);
+        if (recorder && !recorder->Write(frame)) {
+            bWriteFailed = true;
+            return;
+        }
         bytes += frame.GetData().size;
         if (++frames == limit) {
             std::lock_guard<std::mutex> lock(mutex);
@@ -85,20 +98,27 @@ void PrintStatus(const NetInputCounters& counters, double rate, bool bTerminal)
 
 int RunCapture(const std::vector<std::string>& args)
 {
-    CommandLine line(args, {"--host", "--port", "--count", "--seconds", "-w", "--priority"}, {});
+    CommandLine line(args, {"--host", "--port", "--count", "--seconds", "-w", "--priority", "--file-size", "--files"}, {});
     std::uint64_t port = 0;
     std::uint64_t priority = 10;
     std::uint64_t count = std::numeric_limits<std::uint64_t>::max();
     double seconds = 0;
+    Recorder::Ring ring;
     if (!line.Ok() || !line.Number("--port", 1, 65535, port) || !line.Number("--count", 1, count, count) ||
-        !line.Decimal("--seconds", 0.001, 1e9, seconds) || !line.Number("--priority", 0, 99, priority))
+        !line.Decimal("--seconds", 0.001, 1e9, seconds) || !line.Number("--priority", 0, 99, priority) ||
+        !line.Number("--file-size", 1, 1000000000, ring.fileBytes) || !line.Number("--files", 1, 1000000000, ring.files))
         return UsageError("capture", line.Error());
+    ring.fileBytes *= 1000000;
     if (line.Has("--help")) {
         std::cout << Help;
         return ExitOk;
     }
     if (line.Positional().size() != 1)
         return UsageError("capture", "takes one device");
+    if ((line.Has("--file-size") || line.Has("--files")) && !line.Has("-w"))
+        return UsageError("capture", "--file-size and --files need -w FILE");
+    if (line.Has("--files") && !line.Has("--file-size"))
+        return UsageError("capture", "--files needs --file-size");
     Kt::CIpAddress host = Kt::CIpAddress::MinIpAddress;
     if (line.Has("--host") && !Kt::CIpAddress::Parse(line.Value("--host"), host))
         return UsageError("capture", "--host takes an IPv4 address, not '" + line.Value("--host") + "'");
@@ -110,18 +130,16 @@ int RunCapture(const std::vector<std::string>& args)
         return ExitFailure;
     if (!input->Configure(device, host, static_cast<unsigned int>(port)))
         return ExitFailure; // the back-end said why
-    std::unique_ptr<Lyr::NetFile> file;
+    std::unique_ptr<Recorder> recorder;
     if (line.Has("-w")) {
-        file = CreateNetFile();
-        if (!file || !file->ConfigureFile(line.Value("-w"), Lyr::NetFile::NetFileMode_Write, 0)) {
-            std::cerr << "lyrcap capture: cannot write " << line.Value("-w") << "\n";
+        recorder = std::make_unique<Recorder>(line.Value("-w"), ring, "capture");
+        if (!recorder->Open())
             return ExitFailure;
-        }
     }
 
     Tally tally;
     tally.limit = count;
-    tally.file = file.get();
+    tally.recorder = recorder.get();
     input->Subscribe(Kt::MakeFunctor<void(const Lyr::EthFrame&)>([&tally](const Lyr::EthFrame& frame) {
         tally.Deliver(frame);
     }));
@@ -146,7 +164,7 @@ int RunCapture(const std::vector<std::string>& args)
                 break;
         }
         const auto now = Clock::now();
-        if (Interrupted() || now >= deadline)
+        if (Interrupted() || now >= deadline || tally.bWriteFailed)
             break;
         if (now - lastStatus >= std::chrono::seconds(1)) {
             counters = input->GetCounters();
@@ -161,12 +179,19 @@ int RunCapture(const std::vector<std::string>& args)
     }
     counters = input->GetCounters(); // drops are gone once the handle is closed
     input->Stop();
-    file.reset(); // closes the recording: the file is complete from here on
     if (bTerminal)
         std::fputc('\n', stderr);
+    // Closing the recording completes its file, and tells whether frames were lost on the way.
+    const bool bRecorded = !recorder || recorder->Close();
     const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-    std::fprintf(stderr, "%llu frames, %llu bytes captured in %.1f s, %llu dropped%s%s\n", tally.frames.load(),
-                 tally.bytes.load(), elapsed, counters.dropCount, line.Has("-w") ? ", recorded to " : "",
-                 line.Value("-w").c_str());
+    std::string files;
+    for (const std::string& name : recorder ? recorder->Files() : std::vector<std::string>())
+        files += (files.empty() ? ", recorded to " : ", ") + name;
+    if (recorder && recorder->Removed() != 0)
+        files += " (the " + std::to_string(recorder->Removed()) + " older files of the ring removed)";
+    std::fprintf(stderr, "%llu frames, %llu bytes captured in %.1f s, %llu dropped%s\n", tally.frames.load(),
+                 tally.bytes.load(), elapsed, counters.dropCount, files.c_str());
+    if (!bRecorded)
+        return ExitFailure;
     return Interrupted() ? ExitInterrupted : ExitOk;
 }

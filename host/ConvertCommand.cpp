@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "FrameReader.h"
+#include "Recorder.h"
 #include "TimeStamps.h"
 
 #include <sys/stat.h>
@@ -58,29 +59,35 @@ int RunConvert(const std::vector<std::string>& args)
     FrameReader reader;
     if (!reader.OpenRange(in, range, "convert", true))
         return ExitFailure;
-    std::unique_ptr<Lyr::NetFile> recording = CreateNetFile();
-    if (!recording || !recording->ConfigureFile(out, Lyr::NetFile::NetFileMode_Write, 0)) {
-        std::cerr << "lyrcap convert: cannot create " << out << "\n";
+    Recorder recording(out, {}, "convert");
+    if (!recording.Open())
         return ExitFailure;
-    }
-    unsigned long long frames = 0, bytes = 0, changedStamps = 0;
+    unsigned long long frames = 0, changedStamps = 0, first = 0, last = 0;
+    bool bWritten = true;
     while (frames < range.count && !Interrupted()) {
         const Lyr::EthFrame* frame = reader.Next();
         if (!frame)
             break;
-        recording->Write(*frame);
+        if (!recording.Write(*frame)) {
+            bWritten = false;
+            break;
+        }
+        last = frame->GetTimestamp();
+        first = frames == 0 ? last : first;
         ++frames;
-        bytes += frame->GetData().size;
-        changedStamps += !RecordingKeepsStamp(frame->GetTimestamp());
+        changedStamps += !RecordingKeepsStamp(last);
     }
-    const unsigned long long duration = recording->GetDuration();
-    recording.reset(); // the file is complete once closed
+    bWritten = recording.Close() && bWritten; // the file is complete once closed
+    if (!bWritten)
+        return ExitFailure;
+    const long long span = StampMeaning(last) - StampMeaning(first);
+    const unsigned long long duration = span > 0 ? static_cast<unsigned long long>(span) / 1000 : 0;
     if (changedStamps != 0)
         std::fprintf(stderr,
                      "lyrcap convert: warning: %llu frames have time stamps that the recording cannot keep (before "
                      "1970, or from 2038-01-19 03:14:08 UTC on); their stamps in %s differ\n",
                      changedStamps, out.c_str());
-    std::fprintf(stderr, "%llu frames, %llu bytes, %llu ms, %llu refused%s\n", frames, bytes, duration,
+    std::fprintf(stderr, "%llu frames, %llu bytes, %llu ms, %llu refused%s\n", frames, static_cast<unsigned long long>(recording.Bytes()), duration,
                  static_cast<unsigned long long>(reader.Refused()),
                  Interrupted() ? " (stopped by Ctrl-C: the output holds the frames so far)" : "");
     return Interrupted() ? ExitInterrupted : ExitOk;

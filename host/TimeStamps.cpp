@@ -57,6 +57,8 @@ std::string FormatUtc(unsigned long long stamp)
 
 bool RecordingKeepsStamp(unsigned long long stamp)
 {
+    if (stamp < (1ULL << 31) * Million)
+        return true; // from 1970 to 2038: every such stamp fits
     const auto seconds = static_cast<std::int32_t>(static_cast<std::uint32_t>(stamp / Million));
     return static_cast<unsigned long long>(static_cast<long long>(seconds) * Million) + stamp % Million == stamp;
 }
