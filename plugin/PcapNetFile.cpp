@@ -29,6 +29,13 @@ namespace {
 // returned: it must outlive the stream, so it is freed only after the handle is closed.
 constexpr long StreamBufferSize = 256 * 1024;
 
+// A recording that ends at once (a kill, a power cut) loses what the stream's buffer holds, so
+// the buffer never holds more than a second of frames by their own stamps, and a frame that
+// comes after a pause goes to the file at once: below twenty frames a second a write per frame
+// costs nothing, while bulk recording still writes once per full buffer.
+constexpr unsigned long long FlushEveryUs = 1000000;
+constexpr unsigned long long FlushPauseUs = 50000;
+
 std::unique_ptr<char[]> PrepareStream(FILE* stream, long bufferSize)
 {
     if (!stream)
@@ -99,6 +106,8 @@ bool PcapNetFile::ConfigureFile(const std::string& path, NetFileMode_e newMode, 
         streamBuffer = PrepareStream(pcap_dump_file(pcapDumper), StreamBufferSize);
         firstTimestamp = timeval{0, 0};
         currentTimestamp = timeval{0, 0};
+        flushedAtUs = 0;
+        lastWrittenUs = 0;
         return true;
     }
     return false;
@@ -358,4 +367,10 @@ void PcapNetFile::Write(const Lyr::EthFrame& frame)
         firstTimestamp = header.ts;
     currentTimestamp = header.ts;
     pcap_dump(reinterpret_cast<u_char*>(pcapDumper), &header, bytes.data);
+    // Unsigned differences: a stamp that goes back flushes too.
+    if (t - flushedAtUs >= FlushEveryUs || t - lastWrittenUs >= FlushPauseUs) {
+        pcap_dump_flush(pcapDumper);
+        flushedAtUs = t;
+    }
+    lastWrittenUs = t;
 }

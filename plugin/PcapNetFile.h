@@ -40,6 +40,8 @@ private:
     unsigned long long durationMs = 0;
     timeval firstTimestamp{0, 0};
     timeval currentTimestamp{0, 0};
+    unsigned long long flushedAtUs = 0;   // recording: the stamp of the frame at the last flush
+    unsigned long long lastWrittenUs = 0; // recording: the stamp of the frame written last
     std::atomic<bool> bReadEnabled{true};
     // Raised by Read from before its bReadEnabled check until it is done with pcapHandle, so
     // that SeekBegin can wait for a Read in progress before it closes the handle.
