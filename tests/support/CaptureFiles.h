@@ -22,8 +22,13 @@
 constexpr int64_t Now = 1714564800; // 2024-05-01, a present-day stamp
 constexpr auto ReadMode = Lyr::NetFile::NetFileMode_Read;
 constexpr auto WriteMode = Lyr::NetFile::NetFileMode_Write;
-// What the back-ends print for a packet that is not a complete frame.
+// What the back-ends print for a packet that is not a complete frame, for a request that the
+// file's direction refuses, and for a seek beyond the file's end.
 const std::string InvalidSize = "Error reading packet from interface. Invalid packet size.";
+const std::string ReadOnly = "Can only read from a file that is set to read.\n";
+const std::string WriteOnly = "Can only write to a file that is set to write.\n";
+const std::string SeekOnly = "Can only seek on a file that is set to read.\n";
+const std::string TooFar = "Seek time exceeds duration of pcap file.\n";
 
 // An IPv4 frame of `size` bytes whose payload is told apart by `seed`.
 inline std::vector<uint8_t> Frame(size_t size, uint8_t seed = 1)
