@@ -55,34 +55,29 @@ for signal in INT TERM; do
     check "a replay stopped by SIG$signal still sums up" grep -q "^[0-9]* frames, " "$dir/err"
 done
 
-# Conversion: tcpdump must see the same packets, bytes and stamps in the copy of a capture of
-# frames, in whatever format it came.
+# Conversion and info, in whatever format a capture of frames came: tcpdump sees the same packets,
+# bytes and stamps in the copy, and capinfos the figures that info and convert print: packets,
+# bytes, the first and last stamp to the microsecond (as libpcap hands them over), and the span
+# between them in whole milliseconds.
 "$make_fixture" corpus "$dir/corpus" >/dev/null
 dump() { tcpdump -tt -nn -x -r "$1" 2>/dev/null; }
-for source in "$eth" "$dir/corpus/nano.pcap" "$dir/corpus/pcapng-nano.pcapng" "$dir/corpus/big-endian.pcap"; do
+usec() { local whole=${1%.*} fraction=${1#*.}000000; echo "$whole${fraction:0:6}"; }
+stamp() { printf '%s.%06d UTC (%s.%06d)' "$(date -u -d @$(($1 / 1000000)) '+%F %T')" $(($1 % 1000000)) $(($1 / 1000000)) $(($1 % 1000000)); }
+for source in "$eth" "$dir/long.pcap" "$dir"/corpus/{nano.pcap,pcapng-nano.pcapng,pcapng.pcapng,big-endian.pcap}; do
     name=$(basename "$source")
+    IFS=$'\t' read -r _ packets bytes first last < <(capinfos -T -r -S -c -d -a -e "$source")
+    first=$(usec "$first") last=$(usec "$last")
     check "convert $name exits 0" test "$(status "$lyrcap" convert "$source" "$dir/copy.pcap")" = 0
+    check "convert $name sums up what capinfos counts in the copy" \
+        test "$(cat "$dir/err")" = "$packets frames, $bytes bytes, $(((last - first) / 1000)) ms, 0 refused"
     check "convert $name keeps packets, bytes and stamps" test -n "$(dump "$source")" -a "$(dump "$source")" = "$(dump "$dir/copy.pcap")"
     count=$(tcpdump -r "$source" 2>/dev/null | wc -l)
     check "info $name counts what tcpdump counts" bash -c "'$lyrcap' info '$source' 2>/dev/null | grep -q '^packets: *$count\$'"
-    check "replay $name gives tcpdump's stamps" \
-        test "$("$lyrcap" replay "$source" 2>/dev/null | cut -d' ' -f1)" = "$(tcpdump -tt -r "$source" 2>/dev/null | cut -d' ' -f1)"
-done
-# Every figure that info and convert print, against capinfos's reading of the same file:
-# packets, bytes, the first and last stamp to the microsecond (as libpcap hands them over), and
-# the span between them in whole milliseconds.
-usec() { local whole=${1%.*} fraction=${1#*.}000000; echo "$whole${fraction:0:6}"; }
-stamp() { printf '%s.%06d UTC (%s.%06d)' "$(date -u -d @$(($1 / 1000000)) '+%F %T')" $(($1 % 1000000)) $(($1 / 1000000)) $(($1 % 1000000)); }
-for source in "$eth" "$dir/long.pcap" "$dir/corpus/nano.pcap" "$dir/corpus/pcapng.pcapng" "$dir/corpus/big-endian.pcap"; do
-    IFS=$'\t' read -r _ packets bytes first last < <(capinfos -T -r -S -c -d -a -e "$source")
-    first=$(usec "$first") last=$(usec "$last")
-    name=$(basename "$source")
     check "info $name prints capinfos's figures" test "$("$lyrcap" info "$source" 2>/dev/null | tail -n +3 | tr -s ' ')" = \
         "$(printf 'packets: %s\nbytes: %s (as frames)\nduration: %s ms\nfirst packet: %s\nlast packet: %s' "$packets" "$bytes" \
             $(((last - first) / 1000)) "$(stamp "$first")" "$(stamp "$last")")"
-    "$lyrcap" convert "$source" "$dir/copy.pcap" 2>"$dir/err"
-    check "convert $name sums up what capinfos counts in the copy" \
-        test "$(cat "$dir/err")" = "$packets frames, $bytes bytes, $(((last - first) / 1000)) ms, 0 refused"
+    check "replay $name gives tcpdump's stamps" \
+        test "$("$lyrcap" replay "$source" 2>/dev/null | cut -d' ' -f1)" = "$(tcpdump -tt -r "$source" 2>/dev/null | cut -d' ' -f1)"
 done
 
 # info reads a file once, and gives the duration that the back-end's scan gives, which a refused

@@ -1,30 +1,19 @@
 # Compiles ContractProbes.cpp as the plug-in is compiled: as it stands it must build, and with
 # each probe below (one member beyond the contract, or a host-side header) it must not.
 # Arguments: -DCOMPILER= -DSOURCE= -DINCLUDES=<;-list>
-set(probes
-    "frame.GetCapacity()"
-    "Lyr::EthFrame empty"
-    "frame.GetDstAddress()"
-    "frame.GetLengthType()"
-    "frame.SetVlanTag(1)"
+set(probes # grouped by what they reach
+    "frame.GetCapacity()" "Lyr::EthFrame empty" "frame.GetDstAddress()" "frame.GetLengthType()" "frame.SetVlanTag(1)"
     "packet.GetSrcAddress()"
-    "pool.GetFreeCount()"
-    "pool.GetOverflowCount()"
-    "output.GetConfigState()"
-    "output.SubscribeTimeout(Lyr::NetOutputIf::TimeoutFunctor())"
-    "Lyr::PreciseScheduler::GetInstance().SetPresentTimestamp(0)"
-    "Lyr::PreciseScheduler::GetInstance().GetLatenessStatistics()"
+    "pool.GetFreeCount()" "pool.GetOverflowCount()"
+    "output.GetConfigState()" "output.SubscribeTimeout(Lyr::NetOutputIf::TimeoutFunctor())"
+    "Lyr::PreciseScheduler::GetInstance().SetPresentTimestamp(0)" "Lyr::PreciseScheduler::GetInstance().GetLatenessStatistics()"
     "Lyr::PreciseScheduler::GetInstance().GetThreadPriority()"
     "Kt::SetLogSink(nullptr)"
     "Kt::CSlice<unsigned char> made(slice.owner, slice.data, 1)"
-    "Kt::CIpAddress number(0x7f000001u)"
-    "address.ToUint32()"
-    "(void)(destination == address)"
+    "Kt::CIpAddress number(0x7f000001u)" "address.ToUint32()" "(void)(destination == address)"
     "Kt::CMacAddress number(1)"
-    "Kt::MakeFunctor<void()>([] {})"
-    "body = body"
-    "-include lyr/PluginLookup.h"
-    "-include lyr/PluginLoader.h")
+    "Kt::MakeFunctor<void()>([] {})" "body = body"
+    "-include lyr/PluginLookup.h" "-include lyr/PluginLoader.h")
 set(flags -std=c++17 -fsyntax-only -DLYR_CONTRACT_ONLY)
 foreach(dir ${INCLUDES})
     list(APPEND flags -I${dir})
