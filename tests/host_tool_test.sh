@@ -88,6 +88,26 @@ for source in "$dir"/corpus/*; do
     scanned=$(sed -n 's/.* lasts \([0-9]*\) ms$/\1/p' "$dir/err")
     [ -z "$scanned" ] || check "info $(basename "$source") lasts what the scan says ($scanned ms)" test "$info" = "$scanned"
 done
+# Seconds from 2^31 on reach the tool as negative numbers; it prints what the file means, and
+# convert, whose recording cannot keep such stamps, says so once with their count.
+y2038=$dir/corpus/y2038.pcap
+check "replay prints stamps past 2038 as the file means them" \
+    test "$("$lyrcap" replay "$y2038" 2>/dev/null | cut -d' ' -f1 | tr '\n' ' ')" = "2147483647.999999 2147483648.000000 4294967295.000005 "
+check "info prints their dates" test "$("$lyrcap" info "$y2038" 2>/dev/null | tail -n 2 | tr -s ' ')" = \
+    "$(printf '%s\n' "first packet: 2038-01-19 03:14:07.999999 UTC (2147483647.999999)" "last packet: 2106-02-07 06:28:15.000005 UTC (4294967295.000005)")"
+check "convert warns once that two stamps cannot be kept" test "$("$lyrcap" convert "$y2038" "$dir/y.pcap" 2>&1 | grep -c "warning: 2 frames")" = 1
+# A full file system: convert stops, says why and how much reached the file, which stays readable.
+mkdir "$dir/full"
+unshare -m bash -c "mount -t tmpfs -o size=64k tmpfs '$dir/full' && '$lyrcap' convert '$dir/long.pcap' '$dir/full/out.pcap' 2>'$dir/err'
+    echo \$? >'$dir/status'; tcpdump -r '$dir/full/out.pcap' 2>'$dir/tcpdump.err' | wc -l >'$dir/count'" 2>"$dir/mount.err"
+if [ -s "$dir/status" ]; then
+    check "convert onto a full file system exits 1" test "$(cat "$dir/status")" = 1
+    check "and says why, with the frames that reached the file and those that did not" \
+        grep -q "^lyrcap convert: writing $dir/full/out.pcap failed: No space left on device; $(cat "$dir/count") frames reached the file, [1-9][0-9]* did not$" "$dir/err"
+    check "what reached the file reads whole" test -z "$(grep -i "truncated\|error" "$dir/tcpdump.err")" -a "$(cat "$dir/count")" -gt 0
+else
+    echo "skipped: the full file system (no tmpfs in a mount namespace here: $(cat "$dir/mount.err"))"
+fi
 check "convert RAW exits 0" test "$(status "$lyrcap" convert "$raw" "$dir/eth.pcap")" = 0
 check "converted RAW is Ethernet" bash -c "tcpdump -r '$dir/eth.pcap' 2>&1 >/dev/null | grep -q 'link-type EN10MB'"
 check "converted RAW has group addresses and IPv4" test "$(tshark -r "$dir/eth.pcap" -T fields -e eth.dst -e eth.type -e ip.dst 2>/dev/null | head -2)" \

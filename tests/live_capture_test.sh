@@ -9,8 +9,9 @@ make_fixture=$2
 if [ "${LYR_IN_SANDBOX:-}" != 1 ]; then
     # Re-run inside a fresh namespace, which vanishes with the script; where none can be made
     # (no privilege), the test is skipped (77) rather than failed.
-    why=$(unshare -n true 2>&1) || { echo "cannot make a network namespace (${why:-refused}): skipped"; exit 77; }
-    LYR_IN_SANDBOX=1 exec unshare -n "$0" "$@"
+    # A mount namespace too, for the full file system of the recording checks.
+    why=$(unshare -n -m true 2>&1) || { echo "cannot make a network namespace (${why:-refused}): skipped"; exit 77; }
+    LYR_IN_SANDBOX=1 exec unshare -n -m "$0" "$@"
 fi
 command -v tcpreplay >/dev/null || { echo "tcpreplay is missing: skipped"; exit 77; }
 ip link add lyrveth0 type veth peer name lyrveth1 || { echo "cannot make a veth pair: skipped"; exit 77; }
@@ -90,6 +91,60 @@ check "the interrupted recording is complete" test $? = 0 -a -z "$(grep -i trunc
 captured=$(sed -n 's/^\([0-9]*\) frames, .*captured.*/\1/p' "$dir/err")
 check "the interrupted recording holds what was captured" test "$(packets "$dir/interrupted.pcap")" = "$captured"
 check "the filter let the matching traffic through" test "${captured:-0}" -gt 0
+# Recordings that never lose frames silently. Each capture below is opened by the usual traffic
+# (200 bytes) first; the frames that the checks follow are told apart by their size and carry
+# their sequence number behind the UDP header.
+sequence() { # the sequence numbers of the frames of that size in the files given, in order
+    local size=$1; shift
+    for file in "$@"; do frames "$file"; done | awk -v hex=$((2 * size)) 'length($0) == hex {print substr($0, 85, 8)}'
+}
+recorded() { test "$(sequence "$1" "$2" | wc -l)" -ge "$3"; } # size, file, how many at least
+start_capture() { # capture arguments; returns once the capture counts traffic
+    "$lyrcap" capture lyrveth0 --seconds 120 "$@" 2>"$dir/err" & pid=$!
+    await send grep -q "^[1-9][0-9]* frames, " "$dir/err"
+}
+# Frames after a pause reach the file at once, and dense ones within a second of stamps: a
+# capture killed outright keeps them.
+"$make_fixture" bench "$dir/paused.pcap" --packets 5 --size 300 --gap-us 200000 >/dev/null
+"$make_fixture" bench "$dir/dense.pcap" --packets 300 --size 400 --gap-us 10000 >/dev/null
+start_capture -w "$dir/killed.pcap"
+"$lyrcap" send "$dir/paused.pcap" lyrveth1 --timeout 18446744073709551615 >/dev/null 2>&1
+check "frames after a pause are in the file while the capture runs" await "" recorded 300 "$dir/killed.pcap" 5
+"$lyrcap" send "$dir/dense.pcap" lyrveth1 --timeout 18446744073709551615 >/dev/null 2>&1
+check "dense frames are in the file a second of stamps behind the last" await "" recorded 400 "$dir/killed.pcap" 200
+kill -KILL "$pid"; wait "$pid" 2>/dev/null; pid=
+check "a killed capture leaves them all" \
+    test "$(sequence 300 "$dir/killed.pcap" | wc -l)" = 5 -a "$(sequence 400 "$dir/killed.pcap" | wc -l)" -ge 200
+# A ring of files of at most 1 MB, the newest two kept: no frame lost or doubled at a switch.
+"$make_fixture" bench "$dir/ring-traffic.pcap" --packets 4000 --size 500 --gap-us 200 >/dev/null
+start_capture -w "$dir/ring.pcap" --file-size 1 --files 2
+"$lyrcap" send "$dir/ring-traffic.pcap" lyrveth1 --timeout 18446744073709551615 >/dev/null 2>&1
+await "" recorded 500 "$dir/ring_00003.pcap" 1
+await "" test "$(sequence 500 "$dir"/ring_0000[23].pcap | tail -1)" = 00000f9f # the last frame, 3999
+kill -INT "$pid"; wait "$pid"; pid=
+check "the ring keeps the newest two files, and the summary lists them" \
+    grep -q ", recorded to $dir/ring_00002.pcap, $dir/ring_00003.pcap (the 1 older files of the ring removed)$" "$dir/err"
+check "the oldest file is gone" test ! -e "$dir/ring_00001.pcap" -a ! -e "$dir/ring.pcap"
+check "a file holds at most a megabyte, and is full before the next starts" \
+    test "$(stat -c %s "$dir/ring_00002.pcap")" -le 1000000 -a "$(($(stat -c %s "$dir/ring_00002.pcap") + 516))" -gt 1000000
+first=$((16#$(sequence 500 "$dir/ring_00002.pcap" | head -1)))
+check "the frames run on from file to file, each once" \
+    test "$(sequence 500 "$dir"/ring_0000[23].pcap | tr '\n' ' ')" = "$(for n in $(seq $first 3999); do printf '%08x ' $n; done)"
+# A full file system: the capture stops, says why and what reached the file, which stays whole.
+mkdir "$dir/full"
+if mount -t tmpfs -o size=64k tmpfs "$dir/full" 2>"$dir/mount.err"; then
+    start_capture -w "$dir/full/capture.pcap"
+    "$lyrcap" send "$dir/ring-traffic.pcap" lyrveth1 --timeout 18446744073709551615 >/dev/null 2>&1 &
+    wait "$pid"; check "a capture that cannot write exits 1" test $? = 1; pid=
+    kept=$(packets "$dir/full/capture.pcap")
+    check "and says why, with the frames that reached the file and those that did not" \
+        grep -q "^lyrcap capture: writing $dir/full/capture.pcap failed: No space left on device; $kept frames reached the file, [1-9][0-9]* did not$" "$dir/err"
+    check "what reached the file reads whole" test -z "$(tcpdump -r "$dir/full/capture.pcap" 2>&1 >/dev/null | grep -i "truncated\|error")"
+    wait
+else
+    echo "skipped: the full file system (no tmpfs here: $(cat "$dir/mount.err"))"
+fi
+
 # lyrcap send: the scheduler's thread takes the realtime priority asked for, and where the
 # system refuses it (no CAP_SYS_NICE), the tool says so and sends at ordinary priority.
 sent() { grep -q "^frames sent: 100$" "$dir/out"; }
