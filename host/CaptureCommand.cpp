@@ -42,10 +42,11 @@ Options:
   --count N     stop after N frames
   --seconds S   stop after S seconds
   -w FILE       record every delivered frame into FILE (libpcap format, Ethernet, snap length
-                9022) through the capture-file back-end; Ctrl-C leaves a complete file. Frames
-                reach the file within a second. Should writing fail (a full disk), the capture
-                stops within about a second, says why and how many frames were lost, and
-                exits 1; the file stays readable up to its last whole frame
+                9022) through the capture-file back-end; Ctrl-C leaves a complete file, and a
+                kill or a power cut loses at most a quarter of a second of frames. Should
+                writing fail (a full disk), the capture stops within about a second, says why
+                and how many frames were lost, and exits 1; the file stays readable up to its
+                last whole frame
   --file-size MB
                 record into a ring of files instead, each a complete capture of at most MB
                 megabytes (10^6 bytes), named with a number before the extension

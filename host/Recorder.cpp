@@ -20,9 +20,9 @@ constexpr std::uint64_t RecordHeaderSize = 16;
 // The most that the back-end's stream holds before it writes: its buffer (256 KiB) and the
 // frame that overflows it. A file further behind than that has lost frames.
 constexpr std::uint64_t MostBuffered = 256 * 1024 + RecordHeaderSize + 65536;
-// The back-end never keeps frames more than a second of their own stamps in its buffer: a frame
-// a second (or more) behind the last one written is in the file, unless writing failed.
-constexpr unsigned long long FlushedWithinUs = 1000000;
+// The back-end keeps no frame in its buffer that lies a quarter of a second (of the frames' own
+// stamps) or more behind the last one written: such a frame is in the file, unless writing failed.
+constexpr unsigned long long FlushedWithinUs = 250000;
 // Frames are followed in groups of this span of stamps, so that a long recording keeps only a
 // few dozen entries in hand, and the file is looked at no more often than once a group.
 constexpr unsigned long long GroupUs = 100000;
@@ -184,6 +184,7 @@ bool Recorder::OpenNext()
     kept.push_back(file->name);
     current = std::move(file);
     bWriting = true;
+    bLossSeen = false;
     return true;
 }
 
@@ -202,7 +203,8 @@ bool Recorder::Write(const Lyr::EthFrame& frame)
     ++frames;
     bytes += size;
     // Stopped at once where the file shows a loss: the frames that would follow are lost too.
-    bWriting = !(file.Handed(frame.GetTimestamp(), size) && file.Lost());
+    bLossSeen = file.Handed(frame.GetTimestamp(), size) && file.Lost();
+    bWriting = !bLossSeen;
     return bWriting;
 }
 
@@ -219,7 +221,9 @@ bool Recorder::CloseCurrent()
     File& file = *current;
     file.recording.reset(); // the back-end writes what it still holds
     const std::uint64_t size = FileSize(file.descriptor);
-    return size == file.expected || Failed(file);
+    // A loss seen while writing is said even where the file came out whole in the end: the
+    // frames that followed it were not handed over.
+    return (size == file.expected && !bLossSeen) || Failed(file);
 }
 
 bool Recorder::Failed(const File& file)

@@ -53,6 +53,7 @@ private:
     std::uint64_t removed = 0;
     std::uint64_t frames = 0;
     std::uint64_t bytes = 0;
-    bool bWriting = false; // a file is open and has shown no loss
+    bool bWriting = false;  // a file is open and has shown no loss
+    bool bLossSeen = false; // the open file fell behind while frames were written
     bool bFailed = false;  // frames were lost, and it has been said
 };

@@ -30,10 +30,10 @@ namespace {
 constexpr long StreamBufferSize = 256 * 1024;
 
 // A recording that ends at once (a kill, a power cut) loses what the stream's buffer holds, so
-// the buffer never holds more than a second of frames by their own stamps, and a frame that
-// comes after a pause goes to the file at once: below twenty frames a second a write per frame
-// costs nothing, while bulk recording still writes once per full buffer.
-constexpr unsigned long long FlushEveryUs = 1000000;
+// the buffer never holds more than a quarter of a second of frames by their own stamps, and a
+// frame that comes after a pause goes to the file at once: below twenty frames a second a write
+// per frame costs nothing, while bulk recording still writes once per full buffer.
+constexpr unsigned long long FlushEveryUs = 250000;
 constexpr unsigned long long FlushPauseUs = 50000;
 
 std::unique_ptr<char[]> PrepareStream(FILE* stream, long bufferSize)
