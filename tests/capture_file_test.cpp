@@ -443,16 +443,13 @@ TEST_F(Recording, EachDirectionRefusesTheOtherWithItsMessage)
     EXPECT_EQ(nowhere.GetDuration(), 0u);
 }
 
-// One object through every change of file and direction, as a host that keeps it does: each
-// configuration starts from nothing of the last, and no handle outlives the one it replaced,
-// however often the object is configured or seeks.
+// One object through every change of file and direction, as a host keeps it: nothing of the last
+// configuration, and no handle of it, survives, however often it is configured or seeks.
 TEST_F(Recording, AReusedObjectKeepsNothingOfItsLastFileAndNoDescriptorOfIt)
 {
     const size_t before = OpenDescriptors();
     const std::string twoSeconds = Write("read.pcap", {Whole(Now, 0, Frame(60, 1)), Whole(Now + 2, 0, Frame(60, 2))});
-    ASSERT_TRUE(file.ConfigureFile(twoSeconds, ReadMode, 0));
-    ASSERT_TRUE(file.Read(buffer.frame));
-
+    ASSERT_TRUE(file.ConfigureFile(twoSeconds, ReadMode, 0) && file.Read(buffer.frame));
     // Recording after reading: the duration spans the frames recorded, not the file read.
     const std::string recorded = dir.File("recorded.pcap");
     ASSERT_TRUE(file.ConfigureFile(recorded, WriteMode, 0));
@@ -473,18 +470,14 @@ TEST_F(Recording, AReusedObjectKeepsNothingOfItsLastFileAndNoDescriptorOfIt)
     ASSERT_TRUE(file.ConfigureFile(twoSeconds, ReadMode, 0));
     for (int i = 0; i < 1000; ++i)
         file.SeekBegin(i % 2 ? 0 : 1);
-    ASSERT_TRUE(file.Read(buffer.frame));
-    EXPECT_EQ(buffer.frame.GetTimestamp(), Now * 1000000ULL);
+    EXPECT_EQ(NextStamp(), Now * 1000000ULL);
     EXPECT_EQ(OpenDescriptors(), before + 1);
-    for (int i = 0; i < 100; ++i) {
-        ASSERT_TRUE(file.ConfigureFile(dir.File("again.pcap"), WriteMode, 0));
-        ASSERT_TRUE(file.ConfigureFile(twoSeconds, ReadMode, 1));
-    }
+    for (int i = 0; i < 100; ++i)
+        ASSERT_TRUE(file.ConfigureFile(dir.File("again.pcap"), WriteMode, 0) && file.ConfigureFile(twoSeconds, ReadMode, 1));
     EXPECT_EQ(OpenDescriptors(), before + 1);
     EXPECT_TRUE(log.Take().empty());
-
-    // A configuration that fails closes the last file all the same, and what follows is refused
-    // as the failed direction refuses it.
+    // A configuration that fails closes the last file all the same; what follows is refused as
+    // the failed direction refuses it.
     EXPECT_FALSE(file.ConfigureFile(dir.File("missing.pcap"), ReadMode, 0));
     EXPECT_EQ(OpenDescriptors(), before);
     EXPECT_FALSE(file.Read(buffer.frame));

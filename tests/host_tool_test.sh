@@ -16,13 +16,11 @@ raw="$dir/raw-multicast.pcap"
 expected=$(tcpdump -r "$eth" 2>/dev/null | wc -l)
 
 for words in --help "capture --help" "send --help"; do check "lyrcap $words exits 0" test "$(status "$lyrcap" $words)" = 0; done
-check "--version exits 0" test "$(status "$lyrcap" --version)" = 0
-check "--version prints the project's version" test "$(cat "$dir/out")" = "lyrcap $version"
+check "--version prints the project's version and exits 0" test "$(status "$lyrcap" --version; cat "$dir/out")" = "$(printf '0\nlyrcap %s' "$version")"
 check "info --help needs no plug-in" test "$(status "$lyrcap" --plugin /nonexistent.so info --help)" = 0
 check "info exits 0" test "$(status "$lyrcap" info "$eth")" = 0
 lines() { wc -l <"$dir/out" | tr -d ' '; }
-check "replay exits 0" test "$(status "$lyrcap" replay "$eth")" = 0
-check "replay prints one line per frame" test "$(lines)" = "$expected"
+check "replay prints one line per frame and exits 0" test "$(status "$lyrcap" replay "$eth"; lines)" = "$(printf '0\n%s' "$expected")"
 check "replay sums up on standard error" grep -q "^$expected frames, " "$dir/err"
 check "replay --count stops" test "$(status "$lyrcap" replay "$eth" --count 3; lines)" = "$(printf '0\n3')"
 check "RAW multicast gets a group address" \
@@ -55,10 +53,8 @@ for signal in INT TERM; do
     check "a replay stopped by SIG$signal still sums up" grep -q "^[0-9]* frames, " "$dir/err"
 done
 
-# Conversion and info, in whatever format a capture of frames came: tcpdump sees the same packets,
-# bytes and stamps in the copy, and capinfos the figures that info and convert print: packets,
-# bytes, the first and last stamp to the microsecond (as libpcap hands them over), and the span
-# between them in whole milliseconds.
+# Conversion and info in every format: tcpdump sees the same packets, bytes and stamps in the
+# copy, and capinfos every figure that info and convert print (stamps as libpcap hands them over).
 "$make_fixture" corpus "$dir/corpus" >/dev/null
 dump() { tcpdump -tt -nn -x -r "$1" 2>/dev/null; }
 usec() { local whole=${1%.*} fraction=${1#*.}000000; echo "$whole${fraction:0:6}"; }
@@ -71,8 +67,6 @@ for source in "$eth" "$dir/long.pcap" "$dir"/corpus/{nano.pcap,pcapng-nano.pcapn
     check "convert $name sums up what capinfos counts in the copy" \
         test "$(cat "$dir/err")" = "$packets frames, $bytes bytes, $(((last - first) / 1000)) ms, 0 refused"
     check "convert $name keeps packets, bytes and stamps" test -n "$(dump "$source")" -a "$(dump "$source")" = "$(dump "$dir/copy.pcap")"
-    count=$(tcpdump -r "$source" 2>/dev/null | wc -l)
-    check "info $name counts what tcpdump counts" bash -c "'$lyrcap' info '$source' 2>/dev/null | grep -q '^packets: *$count\$'"
     check "info $name prints capinfos's figures" test "$("$lyrcap" info "$source" 2>/dev/null | tail -n +3 | tr -s ' ')" = \
         "$(printf 'packets: %s\nbytes: %s (as frames)\nduration: %s ms\nfirst packet: %s\nlast packet: %s' "$packets" "$bytes" \
             $(((last - first) / 1000)) "$(stamp "$first")" "$(stamp "$last")")"

@@ -7,9 +7,8 @@ lyrcap=$1
 make_fixture=$2
 [ -z "${LYR_NO_DEVICES:-}" ] || { echo "$LYR_NO_DEVICES: skipped"; exit 77; }
 if [ "${LYR_IN_SANDBOX:-}" != 1 ]; then
-    # Re-run inside a fresh namespace, which vanishes with the script; where none can be made
-    # (no privilege), the test is skipped (77) rather than failed.
-    # A mount namespace too, for the full file system of the recording checks.
+    # Re-run inside fresh network and mount namespaces, which vanish with the script; where none
+    # can be made (no privilege), the test is skipped (77) rather than failed.
     why=$(unshare -n -m true 2>&1) || { echo "cannot make a network namespace (${why:-refused}): skipped"; exit 77; }
     LYR_IN_SANDBOX=1 exec unshare -n -m "$0" "$@"
 fi
@@ -91,9 +90,8 @@ check "the interrupted recording is complete" test $? = 0 -a -z "$(grep -i trunc
 captured=$(sed -n 's/^\([0-9]*\) frames, .*captured.*/\1/p' "$dir/err")
 check "the interrupted recording holds what was captured" test "$(packets "$dir/interrupted.pcap")" = "$captured"
 check "the filter let the matching traffic through" test "${captured:-0}" -gt 0
-# Recordings that never lose frames silently. Each capture below is opened by the usual traffic
-# (200 bytes) first; the frames that the checks follow are told apart by their size and carry
-# their sequence number behind the UDP header.
+# Recordings. Each capture is opened by the usual traffic (200 bytes) first; the frames checked
+# are told apart by their size, and carry their sequence number behind the UDP header.
 sequence() { # the sequence numbers of the frames of that size in the files given, in order
     local size=$1; shift
     for file in "$@"; do frames "$file"; done | awk -v hex=$((2 * size)) 'length($0) == hex {print substr($0, 85, 8)}'
@@ -103,8 +101,7 @@ start_capture() { # capture arguments; returns once the capture counts traffic
     "$lyrcap" capture lyrveth0 --seconds 120 "$@" 2>"$dir/err" & pid=$!
     await send grep -q "^[1-9][0-9]* frames, " "$dir/err"
 }
-# Frames after a pause reach the file at once, and dense ones within a second of stamps: a
-# capture killed outright keeps them.
+# Frames after a pause reach the file at once, dense ones soon after: a killed capture keeps them.
 "$make_fixture" bench "$dir/paused.pcap" --packets 5 --size 300 --gap-us 200000 >/dev/null
 "$make_fixture" bench "$dir/dense.pcap" --packets 300 --size 400 --gap-us 10000 >/dev/null
 start_capture -w "$dir/killed.pcap"
