@@ -15,13 +15,13 @@ fi
 command -v tcpreplay >/dev/null || { echo "tcpreplay is missing: skipped"; exit 77; }
 ip link add lyrveth0 type veth peer name lyrveth1 || { echo "cannot make a veth pair: skipped"; exit 77; }
 sysctl -qw net.ipv6.conf.lyrveth0.disable_ipv6=1 net.ipv6.conf.lyrveth1.disable_ipv6=1
-ip link set lyrveth0 up && ip link set lyrveth1 up
+ip link set lyrveth0 up && ip link set lyrveth1 up && ip link set lo up
 source "${BASH_SOURCE%/*}/lib.sh"
 pid=
 trap 'rm -rf "$dir"; [ -n "$pid" ] && kill "$pid" 2>/dev/null' EXIT
 
-check "list-devices lists the pair and the loopback device" \
-    bash -c "'$lyrcap' list-devices | grep -q '^lyrveth0 ' && '$lyrcap' list-devices | grep -q '^lo  (.*loopback'"
+check "list-devices lists the pair and the loopback device with its address" \
+    bash -c "'$lyrcap' list-devices | grep -q '^lyrveth0 ' && '$lyrcap' list-devices | grep -q '^lo  (.*loopback)  127.0.0.1$'"
 
 "$make_fixture" bench "$dir/traffic.pcap" --packets 100 --size 200 >/dev/null || exit 1
 # Tries the condition every tenth of a second until it holds (at most ~30 s, or more with the
