@@ -29,7 +29,7 @@ rsync --recursive --links --perms --checksum --delete --exclude '/build*' --excl
 build_and_test() { # log, then "packages" or nothing
     { cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLYR_BUILD_BENCHMARKS=OFF &&
       cmake --build "$build" &&
-      ctest --test-dir "$build" --no-tests=error -j2 --timeout 300 --stop-on-failure \
+      ctest --test-dir "$build" --no-tests=error -j2 --timeout 180 --stop-on-failure \
             --repeat until-pass:3 --output-on-failure &&
       { [ "${2:-}" != packages ] || "$src/packaging/test-packages.sh"; }; } >"$1" 2>&1
 }
