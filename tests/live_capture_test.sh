@@ -101,7 +101,7 @@ start_capture() { # capture arguments; returns once the capture counts traffic
     await send grep -q "^[1-9][0-9]* frames, " "$dir/err"
 }
 # Frames after a pause reach the file at once, dense ones soon after: a killed capture keeps them.
-"$make_fixture" bench "$dir/paused.pcap" --packets 5 --size 300 --gap-us 200000 >/dev/null
+"$make_fixture" bench "$dir/paused.pcap" --packets 5 --size 300 --gap-us 100000 >/dev/null
 "$make_fixture" bench "$dir/dense.pcap" --packets 300 --size 400 --gap-us 10000 >/dev/null
 start_capture -w "$dir/killed.pcap"
 "$lyrcap" send "$dir/paused.pcap" lyrveth1 --timeout 18446744073709551615 >/dev/null 2>&1
@@ -127,14 +127,14 @@ check "the frames run on from file to file, each once" \
     test "$(sequence 500 "$dir"/ring_0000[23].pcap | tr '\n' ' ')" = "$(for n in $(seq $first 3999); do printf '%08x ' $n; done)"
 # A full file system: the capture stops, says why and what reached the file, which stays whole.
 mkdir "$dir/full"
-if mount -t tmpfs -o size=64k tmpfs "$dir/full" 2>"$dir/mount.err"; then
-    start_capture -w "$dir/full/capture.pcap"
+if mount -t tmpfs -o size=1500k tmpfs "$dir/full" 2>"$dir/mount.err"; then
+    start_capture -w "$dir/full/capture.pcap" --file-size 1 # the second file of the ring fails
     "$lyrcap" send "$dir/ring-traffic.pcap" lyrveth1 --timeout 18446744073709551615 >/dev/null 2>&1 &
     wait "$pid"; check "a capture that cannot write exits 1" test $? = 1; pid=
-    kept=$(packets "$dir/full/capture.pcap")
+    kept=$(($(packets "$dir/full/capture_00001.pcap") + $(packets "$dir/full/capture_00002.pcap")))
     check "and says why, with the frames that reached the file and those that did not" \
-        grep -q "^lyrcap capture: writing $dir/full/capture.pcap failed: No space left on device; $kept frames reached the file, [1-9][0-9]* did not$" "$dir/err"
-    check "what reached the file reads whole" test -z "$(tcpdump -r "$dir/full/capture.pcap" 2>&1 >/dev/null | grep -i "truncated\|error")"
+        grep -q "^lyrcap capture: writing $dir/full/capture_00002.pcap failed: No space left on device; $kept frames reached the files, [1-9][0-9]* did not$" "$dir/err"
+    check "what reached the file reads whole" test -z "$(tcpdump -r "$dir/full/capture_00002.pcap" 2>&1 >/dev/null | grep -i "truncated\|error")"
     wait
 else
     echo "skipped: the full file system (no tmpfs here: $(cat "$dir/mount.err"))"
