@@ -5,7 +5,9 @@
 #               the bare loop split across the scheduler's thread as the back-end must be, and
 #               that split with the event, pool buffer and pending count that the back-end's
 #               contract prescribes
-#   pacing      files with 100 us and 1 ms gaps, captured at the far end, against tcpreplay
+#   pacing      files with 100 us and 1 ms gaps, captured at the far end, against tcpreplay;
+#               lyrcap sleeping to a margin (the default) and spinning (--spin), each at realtime
+#               and at ordinary priority
 #   idle        the scheduler thread's CPU while it waits 3 s for a frame
 #   SendFrame   ns and heap allocations per call against a bare ScheduleEvent
 # Needs root. PACING_FRAMES (default 100000) and THROUGHPUT_FRAMES (default 200000) set the
@@ -101,6 +103,10 @@ for gap in 100 1000; do
     printf "lyrcap:                "; paced "$file" "$lyrcap" send "$file" v0
     scheduler_figures
     printf "lyrcap --priority 0:   "; paced "$file" "$lyrcap" send "$file" v0 --priority 0
+    scheduler_figures
+    printf "lyrcap --spin:         "; paced "$file" "$lyrcap" send "$file" v0 --spin
+    scheduler_figures
+    printf "lyrcap --spin --priority 0: "; paced "$file" "$lyrcap" send "$file" v0 --spin --priority 0
     scheduler_figures
     printf "tcpreplay:             "; paced "$file" tcpreplay -i v0 "$file"
     printf "tcpreplay at nice -20: "; paced "$file" nice -n -20 tcpreplay -i v0 "$file"

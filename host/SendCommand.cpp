@@ -24,7 +24,7 @@
 namespace {
 
 const char* const Help = R"(Usage: lyrcap send FILE DEVICE [--speed X | --topspeed] [--loop N]
-                   [--timeout US] [--sndbuf BYTES] [--priority P]
+                   [--timeout US] [--sndbuf BYTES] [--priority P] [--spin]
 
 Puts the frames of a capture file on the wire of DEVICE at the times the file gives them,
 through the pcap output back-end. The first frame leaves shortly after the start and the
@@ -42,6 +42,9 @@ Options:
   --priority P    the scheduler thread's realtime priority, 1 to 99 (default 10), or 0 for
                   the ordinary priority; where the system refuses, the tool says so and
                   sends at ordinary priority, which keeps time only on a quiet machine
+  --spin          the scheduler thread spins through the gaps between frames instead of
+                  sleeping: the most precise timing, for a machine that can give that
+                  thread a core of its own (it takes all of one)
 )";
 
 // The scheduler's clock runs on frame timestamps. The file's own first timestamp is made the
@@ -51,6 +54,7 @@ constexpr unsigned long long LeadUs = 20000;
 // buffers). Both bound memory and how long Ctrl-C waits for frames already handed over.
 constexpr unsigned long long WindowUs = 500000;
 constexpr unsigned int BuffersInFlight = 1024;
+constexpr unsigned int QueuedAhead = 512;
 constexpr unsigned int BufferSize = 9036;
 
 struct Settings {
@@ -61,6 +65,7 @@ struct Settings {
     std::uint64_t timeout = 0;
     std::uint64_t sendBuffer = 0;
     std::uint64_t priority = 10;
+    bool bSpin = false;
 };
 
 // Where each frame goes on the scheduler's clock: the file's gaps divided by the speed, each
@@ -181,6 +186,7 @@ int Send(const std::string& path, const std::string& device, const Settings& set
         return ExitFailure;
 
     Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
+    scheduler.SetSpinning(settings.bSpin);
     scheduler.ResetLatenessStatistics();
     const double cpuBefore = scheduler.GetThreadCpuSeconds();
     const Lyr::PreciseScheduler::WaitTimes waitedBefore = scheduler.GetWaitTimes();
@@ -199,7 +205,8 @@ int Send(const std::string& path, const std::string& device, const Settings& set
                 timeline = std::make_unique<Timeline>(frame->GetTimestamp(), settings);
             const unsigned long long at = timeline->Place(frame->GetTimestamp());
             auto busy = [&] {
-                return pool.GetFreeCount() == 0 || (!settings.bTopSpeed && at > scheduler.GetPresentTimestamp() + WindowUs);
+                return scheduler.GetQueuedCount() >= QueuedAhead || pool.GetFreeCount() == 0 ||
+                       (!settings.bTopSpeed && at > scheduler.GetPresentTimestamp() + WindowUs);
             };
             if (!WaitWhile(busy, tally, log, bShow, true)) {
                 bStopped = true;
@@ -218,6 +225,7 @@ int Send(const std::string& path, const std::string& device, const Settings& set
     // are at most the window ahead, so this wait is short also after Ctrl-C.
     WaitWhile([&] { return pool.GetFreeCount() != BuffersInFlight; }, tally, log, false, false);
     const double elapsed = SecondsSince(start);
+    scheduler.SetSpinning(false); // the core is free again while the tool ends
     if (bShow)
         std::fputs("\r\033[K", stderr);
 
@@ -242,7 +250,8 @@ int Send(const std::string& path, const std::string& device, const Settings& set
     const Lyr::PreciseScheduler::WaitTimes waited = scheduler.GetWaitTimes();
     const int priority = scheduler.GetThreadPriority();
     const std::string scheduling = priority > 0 ? "realtime priority " + std::to_string(priority) : "ordinary priority";
-    std::printf("scheduler thread: %s, slept %.3f s, spun %.3f s\n", scheduling.c_str(),
+    std::printf("scheduler thread: %s%s, slept %.3f s, spun %.3f s\n", scheduling.c_str(),
+                settings.bSpin ? ", spinning through the gaps" : "",
                 waited.sleptSeconds - waitedBefore.sleptSeconds, waited.spunSeconds - waitedBefore.spunSeconds);
     std::fflush(stdout);
     return bStopped ? ExitInterrupted : ExitOk;
@@ -252,7 +261,7 @@ int Send(const std::string& path, const std::string& device, const Settings& set
 
 int RunSend(const std::vector<std::string>& args)
 {
-    CommandLine line(args, {"--speed", "--loop", "--timeout", "--sndbuf", "--priority"}, {"--topspeed"});
+    CommandLine line(args, {"--speed", "--loop", "--timeout", "--sndbuf", "--priority"}, {"--topspeed", "--spin"});
     Settings settings;
     if (!line.Ok() || !line.Decimal("--speed", 0.001, 1000000, settings.speed) ||
         !line.Number("--loop", 1, 1000000000, settings.loops) ||
@@ -265,6 +274,7 @@ int RunSend(const std::vector<std::string>& args)
     }
     settings.bTopSpeed = line.Has("--topspeed");
     settings.bTimeout = line.Has("--timeout");
+    settings.bSpin = line.Has("--spin");
     if (settings.bTopSpeed && line.Has("--speed"))
         return UsageError("send", "--speed and --topspeed exclude each other");
     if (line.Positional().size() != 2)

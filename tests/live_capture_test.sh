@@ -154,6 +154,19 @@ check "send --topspeed of a file longer than the lateness limit sends every fram
     test "$(head -2 "$dir/out")" = $'frames sent: 20000\ndropped as late: 0'
 "$lyrcap" send "$dir/traffic.pcap" lyrveth1 --topspeed --priority 0 >"$dir/out" 2>"$dir/err"
 check "send --priority 0 leaves the scheduler at ordinary priority" grep -q "^scheduler thread: ordinary priority," "$dir/out"
+# --spin: a paced file leaves whole and in order, the thread spinning through most of its gaps;
+# without it the thread sleeps through them and spins only a margin before each frame.
+spun() { awk -F'spun ' '/^scheduler thread:/ { print ($2 + 0 >= 0.5) ? "most" : "little" }' "$dir/out"; }
+"$make_fixture" bench "$dir/paced.pcap" --packets 200 --size 300 --gap-us 5000 >/dev/null
+start_capture -w "$dir/spun.pcap"
+"$lyrcap" send "$dir/paced.pcap" lyrveth1 --spin --timeout 18446744073709551615 >"$dir/out" 2>"$dir/send.err"
+await send eval 'test "$(sequence 300 "$dir/spun.pcap" | tail -1)" = 000000c7' # the last one recorded
+kill -INT "$pid"; wait "$pid"; pid=
+check "send --spin sends a paced file whole and in order" \
+    test "$(sequence 300 "$dir/spun.pcap" | tr '\n' ' ')" = "$(for n in $(seq 0 199); do printf '%08x ' $n; done)"
+check "and its thread spins through the gaps" test "$(grep -c "spinning through the gaps" "$dir/out")/$(spun)" = 1/most
+"$lyrcap" send "$dir/paced.pcap" lyrveth1 --timeout 18446744073709551615 >"$dir/out" 2>"$dir/send.err"
+check "without --spin it sleeps through them" test "$(grep -c "spinning" "$dir/out")/$(spun)" = 0/little
 if setpriv --inh-caps -sys_nice --bounding-set -sys_nice true 2>/dev/null; then
     setpriv --inh-caps -sys_nice --bounding-set -sys_nice "$lyrcap" send "$dir/traffic.pcap" lyrveth1 --priority 20 \
         --topspeed >"$dir/out" 2>"$dir/err"

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <memory>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -49,48 +50,67 @@ struct Runs : WaitableList<EventRun> {
 
 // The scheduler reads the clock after the previous event has ended and before the next one
 // starts, so the lateness it hands over lies between what the events' own readings say.
+// Sleeping or spinning through the gaps, the same holds; and every event that has run is
+// destroyed, also when no further event comes to carry it off.
 TEST(PreciseScheduler, RunsEveryEventOnceInTimeOrderAndHandsItItsLatenessFromItsOwnTime)
 {
-    Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
-    const unsigned long long present = 1714564800000000ULL; // replaying a capture from 2024
-    scheduler.SetPresentTimestamp(present);
-    scheduler.ResetLatenessStatistics();
-    Runs runs;
-    SchedulerGate gate;
-    gate.Close();
-    // Queued while the thread is held: one a minute overdue; due ones out of order (so through the
-    // heap) with many equal times; one every 2 ms from 20 ms on, the tenth of which takes 150 ms.
-    runs.Schedule(0, present - 60000000);
-    std::mt19937 random(7);
-    const int due = 3000, count = due + 100;
-    for (int i = 1; i < due; ++i)
-        runs.Schedule(i, present - 5000 + random() % 40);
-    for (int i = due; i < count; ++i)
-        runs.Schedule(i, present + 20000 + (i - due) * 2000,
-                      i == due + 10 ? [] { std::this_thread::sleep_for(150ms); } : std::function<void()>([] {}));
-    EXPECT_EQ(scheduler.GetQueuedCount(), unsigned(count));
-    gate.Open();
+    for (const bool bSpin : {false, true}) {
+        SCOPED_TRACE(bSpin ? "spinning" : "sleeping");
+        Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
+        scheduler.SetSpinning(bSpin);
+        const unsigned long long present = 1714564800000000ULL; // replaying a capture from 2024
+        scheduler.SetPresentTimestamp(present);
+        scheduler.ResetLatenessStatistics();
+        Runs runs;
+        SchedulerGate gate;
+        gate.Close();
+        // Queued while the thread is held: one a minute overdue; due ones out of order (so through the
+        // heap) with many equal times; one every 2 ms from 20 ms on, the tenth of which takes 150 ms.
+        runs.Schedule(0, present - 60000000);
+        std::mt19937 random(7);
+        const int due = 3000, count = due + 100;
+        for (int i = 1; i < due; ++i)
+            runs.Schedule(i, present - 5000 + random() % 40);
+        for (int i = due; i < count; ++i)
+            runs.Schedule(i, present + 20000 + (i - due) * 2000,
+                          i == due + 10 ? [] { std::this_thread::sleep_for(150ms); } : std::function<void()>([] {}));
+        EXPECT_EQ(scheduler.GetQueuedCount(), unsigned(count));
+        gate.Open();
 
-    // All of them, each after the one before in time and arrival order: so each exactly once.
-    const std::vector<EventRun> all = runs.WaitFor(count);
-    ASSERT_EQ(all.size(), unsigned(count));
-    for (std::size_t i = 0; i < all.size(); ++i) {
-        const EventRun& run = all[i];
-        const EventRun before = i > 0 ? all[i - 1] : EventRun{-1, 0, 0, 0, present};
-        EXPECT_TRUE(before.timestamp < run.timestamp || (before.timestamp == run.timestamp && before.index < run.index)) << i;
-        EXPECT_GE(run.startedAt, run.timestamp) << "ran before its time: run " << i;
-        EXPECT_LE(run.lateness, run.startedAt - run.timestamp) << "run " << i;
-        EXPECT_GE(run.lateness, before.endedAt > run.timestamp ? before.endedAt - run.timestamp : 0) << "run " << i;
-        // Had the first event's minute been carried over, the others would start a minute late.
-        EXPECT_TRUE(i == 0 || run.startedAt - run.timestamp < 30000000u) << "run " << i << " was shifted";
+        // All of them, each after the one before in time and arrival order: so each exactly once.
+        const std::vector<EventRun> all = runs.WaitFor(count);
+        ASSERT_EQ(all.size(), unsigned(count));
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            const EventRun& run = all[i];
+            const EventRun before = i > 0 ? all[i - 1] : EventRun{-1, 0, 0, 0, present};
+            EXPECT_TRUE(before.timestamp < run.timestamp || (before.timestamp == run.timestamp && before.index < run.index)) << i;
+            EXPECT_GE(run.startedAt, run.timestamp) << "ran before its time: run " << i;
+            EXPECT_LE(run.lateness, run.startedAt - run.timestamp) << "run " << i;
+            EXPECT_GE(run.lateness, before.endedAt > run.timestamp ? before.endedAt - run.timestamp : 0) << "run " << i;
+            // Had the first event's minute been carried over, the others would start a minute late.
+            EXPECT_TRUE(i == 0 || run.startedAt - run.timestamp < 30000000u) << "run " << i << " was shifted";
+        }
+        EXPECT_EQ(scheduler.GetQueuedCount(), 0u);
+        const Lyr::PreciseScheduler::LatenessStatistics statistics = scheduler.GetLatenessStatistics();
+        EXPECT_EQ(statistics.events, count + 1u); // with the gate's
+        EXPECT_EQ(statistics.maximumUs, all[0].lateness);
+        scheduler.ResetLatenessStatistics(); // a new run starts from nothing, its maximum too
+        const Lyr::PreciseScheduler::LatenessStatistics reset = scheduler.GetLatenessStatistics();
+        EXPECT_EQ(std::make_tuple(reset.events, reset.medianUs, reset.p99Us, reset.maximumUs), std::make_tuple(0ULL, 0ULL, 0ULL, 0ULL));
+
+        std::weak_ptr<int> held;
+        {
+            const auto token = std::make_shared<int>(0);
+            held = token;
+            for (int i = 0; i < 100; ++i)
+                scheduler.ScheduleEvent([token](unsigned long long&) {}, present);
+        }
+        const auto deadline = std::chrono::steady_clock::now() + 60s;
+        while (!held.expired() && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(1ms);
+        EXPECT_TRUE(held.expired()) << "events that ran were never destroyed";
+        scheduler.SetSpinning(false);
     }
-    EXPECT_EQ(scheduler.GetQueuedCount(), 0u);
-    const Lyr::PreciseScheduler::LatenessStatistics statistics = scheduler.GetLatenessStatistics();
-    EXPECT_EQ(statistics.events, count + 1u); // with the gate's
-    EXPECT_EQ(statistics.maximumUs, all[0].lateness);
-    scheduler.ResetLatenessStatistics(); // a new run starts from nothing, its maximum too
-    const Lyr::PreciseScheduler::LatenessStatistics reset = scheduler.GetLatenessStatistics();
-    EXPECT_EQ(std::make_tuple(reset.events, reset.medianUs, reset.p99Us, reset.maximumUs), std::make_tuple(0ULL, 0ULL, 0ULL, 0ULL));
 }
 
 TEST(PreciseScheduler, LiveTimestampsNeedNoReferenceWaitingCostsNoCpuAndAThrowingEventIsReported)
@@ -188,4 +208,32 @@ TEST(PreciseScheduler, SpinsAtMostHalfOfEachSecondAndCountsItsWaiting)
     const Lyr::PreciseScheduler::WaitTimes after = scheduler.GetWaitTimes();
     EXPECT_LE(after.spunSeconds - before.spunSeconds, 1.05); // two seconds' budgets, and one margin
     EXPECT_GT(after.sleptSeconds + after.spunSeconds, before.sleptSeconds + before.spunSeconds);
+}
+
+// Asked to spin, the thread spins through a long gap instead of sleeping, yet sleeps part of
+// every second, so that the kernel never stops it for the other threads of its core; not asked,
+// it sleeps through the gap. Either way the event runs at its time, not before.
+TEST(PreciseScheduler, SpinsThroughTheGapsOnlyWhenAskedAndNeverWholeSeconds)
+{
+    Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
+    scheduler.UseWallClock();
+    const auto waitThrough = [&](unsigned long long gapUs) {
+        Runs runs;
+        runs.Schedule(0, scheduler.GetPresentTimestamp()); // the waiting before is not counted
+        runs.WaitFor(1);
+        const Lyr::PreciseScheduler::WaitTimes before = scheduler.GetWaitTimes();
+        runs.Schedule(1, scheduler.GetPresentTimestamp() + gapUs);
+        const std::vector<EventRun> ran = runs.WaitFor(2);
+        EXPECT_TRUE(ran.size() == 2 && ran[1].startedAt >= ran[1].timestamp) << "early, or not run";
+        const Lyr::PreciseScheduler::WaitTimes after = scheduler.GetWaitTimes();
+        return std::make_pair(after.spunSeconds - before.spunSeconds, after.sleptSeconds - before.sleptSeconds);
+    };
+    EXPECT_FALSE(scheduler.IsSpinning());
+    EXPECT_LT(waitThrough(300000).first, 0.1) << "spun through a gap while not asked to";
+    scheduler.SetSpinning(true);
+    EXPECT_TRUE(scheduler.IsSpinning());
+    const auto [spun, slept] = waitThrough(3000000);
+    scheduler.SetSpinning(false);
+    EXPECT_GE(spun, 1.2) << "did not spin through the gap";
+    EXPECT_GE(slept, 0.3) << "spun through whole seconds";
 }

@@ -88,7 +88,7 @@ struct PreciseScheduler::State {
         } catch (...) {
             Kt::MyPrintf("Scheduled event failed: %s\n", "unknown exception");
         }
-        entry.event = nullptr; // the event's captures end here, before the time is taken
+        intake.Ran(std::move(entry.event)); // destroyed later, off the path from event to event
         return Monotonic();
     }
 
@@ -115,15 +115,28 @@ PreciseScheduler& PreciseScheduler::GetInstance()
 
 void PreciseScheduler::ScheduleEvent(Event&& event, unsigned long long timestampUs)
 {
-    bool bWake = false;
+    bool bWake = false, bDestroyRan = false;
     {
         std::lock_guard<std::mutex> lock(state->intake.mutex);
         const Nanoseconds deadline = state->reference.DeadlineOf(timestampUs);
         state->intake.Push(deadline, std::move(event));
         bWake = state->waiting.MustWake(deadline);
+        bDestroyRan = state->intake.ClaimReturned();
     }
     if (bWake)
         state->waiting.Wake();
+    if (bDestroyRan)
+        state->intake.DestroyClaimed();
+}
+
+void PreciseScheduler::SetSpinning(bool bSpin)
+{
+    state->waiting.SetSpinning(bSpin); // a sleeping thread spins from its next wait on
+}
+
+bool PreciseScheduler::IsSpinning() const
+{
+    return state->waiting.Spinning();
 }
 
 void PreciseScheduler::SetPresentTimestamp(unsigned long long timestampUs)

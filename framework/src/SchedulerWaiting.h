@@ -54,11 +54,14 @@ private:
 
 // How the scheduler's thread waits for its next event, and how a sender wakes it. The thread
 // sleeps until a margin before the deadline and spins only that margin: the margin covers how
-// late the thread's recent sleeps woke (WakeLateness), so it is as short as the machine allows. A thread that
-// spun through whole gaps would take a core, and a realtime thread doing so would be stopped
-// for tens of milliseconds each second by the kernel's realtime throttling. With nothing
-// queued the thread looks for a new event briefly, then sleeps until one comes. The thread's
-// loop only asks to wait for a deadline or for an event, so this policy can be replaced alone.
+// late the thread's recent sleeps woke (WakeLateness), so it is as short as the machine allows.
+// A thread that spun through whole gaps would take a core, and a realtime thread doing so would
+// be stopped for tens of milliseconds each second by the kernel's realtime throttling. A host
+// that gives the thread a core asks it to spin through the gaps (SetSpinning): it then does so
+// for most of each second and waits as above for the rest. With nothing queued the thread looks
+// for a new event briefly, then sleeps until one comes. Before any wait that is not brief it
+// destroys the events that have run and that no sender has taken. The thread's loop only asks
+// to wait for a deadline or for an event, so this policy can be replaced alone.
 class SchedulerWaiting {
 public:
     explicit SchedulerWaiting(EventIntake& intake) : intake(intake) {}
@@ -75,7 +78,15 @@ public:
     // scheduled event may be due earlier. False once the end is announced.
     bool UntilDue(Nanoseconds deadline, Nanoseconds now)
     {
-        const Nanoseconds wakeAt = deadline - (SpinAllowed(now) ? margin : 0);
+        if (deadline - now > EmptyQueueSpin) {
+            intake.DestroyRan(); // there is time for it now
+            now = Monotonic();
+        }
+        if (Spinning() && SpinLeft(now, GapSpinBudget) > 0)
+            return SpinUntil(deadline, now);
+        Nanoseconds wakeAt = deadline - (SpinLeft(now, MarginSpinBudget()) > 0 ? margin : 0);
+        if (Spinning())
+            wakeAt = std::min(wakeAt, budgetSecondStart + 1000000000); // to spin again with the next budget
         if (now < wakeAt) {
             bool bTimedOut = false;
             if (!SleepUntil(wakeAt, bTimedOut))
@@ -99,13 +110,30 @@ public:
     {
         if (AwaitBriefly())
             return true;
+        intake.DestroyRan();
+        const Nanoseconds now = Monotonic();
+        if (Spinning() && SpinLeft(now, GapSpinBudget) > 0)
+            return SpinUntil(Forever, now);
         bool bTimedOut = false;
         return SleepUntil(Forever, bTimedOut);
     }
 
+    // Whether the thread spins through every wait instead of sleeping: a host that gives the
+    // thread a core of its own gets the precision of a busy wait. Any thread may switch it; the
+    // thread follows at its next wait, or within a spin.
+    void SetSpinning(bool bSpin) { bSpinning.store(bSpin, std::memory_order_relaxed); }
+    bool Spinning() const { return bSpinning.load(std::memory_order_relaxed); }
+
     // A sender, under the intake's lock, for the event it has just pushed: only a sleeping thread
-    // that would wake too late for it needs waking.
-    bool MustWake(Nanoseconds deadline) const { return deadline < sleepingUntil; }
+    // that would wake too late for it needs waking, and only once: the thread takes in every
+    // event pushed before it wakes, so the senders after the first one leave it be.
+    bool MustWake(Nanoseconds deadline)
+    {
+        if (deadline >= sleepingUntil)
+            return false;
+        sleepingUntil = Awake;
+        return true;
+    }
     // After MustWake or the end's announcement, outside the lock.
     void Wake() { wake.notify_one(); }
 
@@ -119,14 +147,19 @@ private:
     static constexpr Nanoseconds MarginFloor = 20000;
     static constexpr Nanoseconds MarginCeiling = 1000000;
     static constexpr Nanoseconds MarginGuard = 10000;
-    // At most this much spinning in any second: well below the 950 ms that the kernel grants
-    // realtime threads by default, so frames closer together than the margin make the thread
-    // sleep for the rest of the second rather than be stopped.
+    // At most this much spinning in any second: below the 950 ms that the kernel grants realtime
+    // threads by default, so frames closer together than the margin make the thread sleep for
+    // the rest of the second rather than be stopped. When spinning through the gaps, the thread
+    // does so for most of each second, then waits as usual (sleeping to the margin) for the rest:
+    // the other threads on its core run then, and the kernel never has to stop it for them, which
+    // would make frames tens of milliseconds late.
     static constexpr Nanoseconds SpinBudgetPerSecond = 500000000;
+    static constexpr Nanoseconds GapSpinBudget = 700000000;
+    static constexpr Nanoseconds SpinningMarginBudget = 800000000;
     // Waking a sleeping thread costs more than a frame takes, and a sender that hands over frames
     // as fast as they leave empties the queue again and again: so this brief look first.
     static constexpr Nanoseconds EmptyQueueSpin = 50000;
-    // sleepingUntil when the thread is not asleep: no new event needs to wake it.
+    // sleepingUntil when the thread is not asleep, or a wake is on its way: no new event needs to wake it.
     static constexpr Nanoseconds Awake = INT64_MIN;
     static constexpr Nanoseconds Forever = INT64_MAX;
 
@@ -147,14 +180,17 @@ private:
         margin = std::clamp(wakes.AllButWorst() + MarginGuard, MarginFloor, MarginCeiling);
     }
 
-    // False while this second's spinning has used up its budget.
-    bool SpinAllowed(Nanoseconds now)
+    Nanoseconds MarginSpinBudget() const { return Spinning() ? SpinningMarginBudget : SpinBudgetPerSecond; }
+
+    // How long the thread may still spin from `now` within `budget`: until the budget is used up
+    // or this second ends, whichever comes first (the next second starts a new budget).
+    Nanoseconds SpinLeft(Nanoseconds now, Nanoseconds budget)
     {
         if (now - budgetSecondStart >= 1000000000) {
             budgetSecondStart = now;
             spunThisSecond = 0;
         }
-        return spunThisSecond < SpinBudgetPerSecond;
+        return std::min(budget - spunThisSecond, budgetSecondStart + 1000000000 - now);
     }
 
     void Spun(Nanoseconds duration)
@@ -187,6 +223,21 @@ private:
         return !intake.Ending();
     }
 
+    // Spins until `until` (Forever: until an event comes), or sooner when a new event may be due
+    // earlier, the spinning is switched off or its budget is used up. False once the end is
+    // announced.
+    bool SpinUntil(Nanoseconds until, Nanoseconds now)
+    {
+        const Nanoseconds start = now;
+        until = std::min(until, now + SpinLeft(now, GapSpinBudget));
+        while (now < until && !intake.MayHaveEvents() && !intake.Ending() && Spinning()) {
+            Pause();
+            now = Monotonic();
+        }
+        Spun(now - start);
+        return !intake.Ending();
+    }
+
     // True when an event came within EmptyQueueSpin.
     bool AwaitBriefly()
     {
@@ -211,6 +262,7 @@ private:
     // Written by the thread only, read by hosts.
     std::atomic<Nanoseconds> slept{0};
     std::atomic<Nanoseconds> spun{0};
+    std::atomic<bool> bSpinning{false};
 };
 
 } // namespace Lyr

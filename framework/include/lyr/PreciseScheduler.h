@@ -63,6 +63,11 @@ public:
         double spunSeconds = 0;
     };
     WaitTimes GetWaitTimes() const;
+
+    // Spinning through the gaps between events instead of sleeping (off by default): the
+    // precision of a busy wait, for a host that gives the thread a core of its own.
+    void SetSpinning(bool bSpin);
+    bool IsSpinning() const;
 #endif
 
     struct State; // the scheduler's own; defined with it
