@@ -98,17 +98,29 @@ TEST(PreciseScheduler, RunsEveryEventOnceInTimeOrderAndHandsItItsLatenessFromIts
         const Lyr::PreciseScheduler::LatenessStatistics reset = scheduler.GetLatenessStatistics();
         EXPECT_EQ(std::make_tuple(reset.events, reset.medianUs, reset.p99Us, reset.maximumUs), std::make_tuple(0ULL, 0ULL, 0ULL, 0ULL));
 
+        // Events that ran are gone by the time the thread has waited for the next one, with no
+        // sender coming in between; and once it has nothing left to wait for.
         std::weak_ptr<int> held;
+        Runs later;
+        bool bHeldAtLater = true;
+        later.Schedule(0, scheduler.GetPresentTimestamp() + 1000000, [&] { bHeldAtLater = !held.expired(); });
         {
             const auto token = std::make_shared<int>(0);
             held = token;
             for (int i = 0; i < 100; ++i)
                 scheduler.ScheduleEvent([token](unsigned long long&) {}, present);
         }
+        ASSERT_EQ(later.WaitFor(1).size(), 1u);
+        EXPECT_FALSE(bHeldAtLater) << "events that ran were kept through the wait for the next";
+        Runs last;
+        const auto token = std::make_shared<int>(0);
+        held = token;
+        last.Schedule(0, present, [token] {});
+        last.WaitFor(1);
         const auto deadline = std::chrono::steady_clock::now() + 60s;
-        while (!held.expired() && std::chrono::steady_clock::now() < deadline)
+        while (held.use_count() > 1 && std::chrono::steady_clock::now() < deadline)
             std::this_thread::sleep_for(1ms);
-        EXPECT_TRUE(held.expired()) << "events that ran were never destroyed";
+        EXPECT_EQ(held.use_count(), 1) << "the last event that ran was never destroyed";
         scheduler.SetSpinning(false);
     }
 }
