@@ -149,7 +149,10 @@ ladders() { # $1 frame size, $2 first rate
                     # The generator fell short of the rate: once may be a stall of the machine,
                     # twice in a row is its ceiling with this receiver.
                     short[$tool]=$((short[$tool] + 1))
-                    [ ${short[$tool]} = 2 ] && phase[$tool]=done lost[$tool]="none up to the generator's ceiling"
+                    if [ ${short[$tool]} = 2 ]; then
+                        phase[$tool]=done
+                        lost[$tool]="${lost[$tool]/#-/none}; then the generator fell short of $rate/s"
+                    fi
                     continue
                 fi
                 short[$tool]=0 passed[$tool]=$rate
