@@ -13,18 +13,25 @@
 # Needs root. PACING_FRAMES (default 100000) and THROUGHPUT_FRAMES (default 200000) set the
 # sizes; generated files go to a temporary folder that is removed afterwards.
 #   --load N   runs only the pacing part, with N busy loops at ordinary priority beside it
+#   --throughput [ROUNDS]  runs only the throughput part, ROUNDS times (default 1), and adds
+#              lyrcap with jemalloc preloaded (Debian's libjemalloc2), to judge the allocator
 #              (0: none)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-load=0 pacing_only=""
+load=0 pacing_only="" throughput_only="" rounds=1
 if [ "${1:-}" = --load ]; then
     load=${2:?--load needs a count}
     pacing_only=yes
+elif [ "${1:-}" = --throughput ]; then
+    throughput_only=yes
+    rounds=${2:-1}
 fi
 build=${BUILD:-$root/build/release}
 pacing_frames=${PACING_FRAMES:-100000}
 throughput_frames=${THROUGHPUT_FRAMES:-200000}
 command -v tcpreplay >/dev/null || "$root/scripts/install-deps.sh" tcpreplay
+jemalloc=$(ls /usr/lib/*/libjemalloc.so.2 2>/dev/null | head -1)
+[ -z "$throughput_only" ] || [ -n "$jemalloc" ] || { "$root/scripts/install-deps.sh" libjemalloc2; jemalloc=$(ls /usr/lib/*/libjemalloc.so.2 | head -1); }
 cmake --build "$build" -j2 --target lyrcap lyrpcap make-fixture bench-inject-loop bench-wire-gaps bench-send-frame >/dev/null
 
 ns=lyrbench$$
@@ -48,22 +55,26 @@ fixture="$build/fixtures/make-fixture"
 field() { sed -n "s|.*$1.*|\\1|p" | head -1; } # the first match of a sed group
 
 if [ -z "$pacing_only" ]; then
-echo "== throughput: $throughput_frames frames each, frames/s on the sending side"
-printf "%-6s %12s %12s %12s %12s %12s %9s %9s %12s %12s\n" size bare-inject lyrcap tcpreplay split \
-    prescribed "lyr/bare" "lyr/tcpr" "lyr/prescr" "prescr/tcpr"
+echo "== throughput: $throughput_frames frames each, frames/s on the sending side, $rounds round(s)"
+printf "%-6s %12s %12s %12s %12s %12s %12s %9s %9s %12s\n" size bare-inject lyrcap tcpreplay split \
+    prescribed lyrcap+jemal "lyr/bare" "lyr/tcpr" "jemal/lyr"
 for size in 64 1500; do
     file="$work/top$size.pcap"
     "$fixture" bench "$file" --packets "$throughput_frames" --size "$size" >/dev/null
-    bare=$(inside "$build/benchmarks/bench-inject-loop" "$file" v0 | field ', \([0-9]*\) frames/s')
-    ours=$(inside "$lyrcap" send "$file" v0 --topspeed | field '(\([0-9]*\) frames/s')
-    theirs=$(inside tcpreplay -i v0 --topspeed "$file" 2>&1 | field 'Bps, .* Mbps, \([0-9.]*\) pps')
-    sched=$(inside "$build/benchmarks/bench-inject-loop" "$file" v0 --scheduled | field ', \([0-9]*\) frames/s')
-    prescribed=$(inside "$build/benchmarks/bench-inject-loop" "$file" v0 --prescribed | field ', \([0-9]*\) frames/s')
-    awk -v size="$size" -v bare="$bare" -v ours="$ours" -v theirs="$theirs" -v sched="$sched" -v prescribed="$prescribed" \
-        'BEGIN { printf "%-6s %12.0f %12.0f %12.0f %12.0f %12.0f %9.2f %9.2f %12.2f %12.2f\n", size, bare, ours, theirs,
-                 sched, prescribed, ours / bare, ours / theirs, ours / prescribed, prescribed / theirs }' 
+    for _ in $(seq 1 "$rounds"); do
+        bare=$(inside "$build/benchmarks/bench-inject-loop" "$file" v0 | field ', \([0-9]*\) frames/s')
+        ours=$(inside "$lyrcap" send "$file" v0 --topspeed | field '(\([0-9]*\) frames/s')
+        theirs=$(inside tcpreplay -i v0 --topspeed "$file" 2>&1 | field 'Bps, .* Mbps, \([0-9.]*\) pps')
+        sched=$(inside "$build/benchmarks/bench-inject-loop" "$file" v0 --scheduled | field ', \([0-9]*\) frames/s')
+        prescribed=$(inside "$build/benchmarks/bench-inject-loop" "$file" v0 --prescribed | field ', \([0-9]*\) frames/s')
+        jemal=0
+        [ -z "$jemalloc" ] || jemal=$(inside env LD_PRELOAD="$jemalloc" "$lyrcap" send "$file" v0 --topspeed | field '(\([0-9]*\) frames/s')
+        awk -v size="$size" -v bare="$bare" -v ours="$ours" -v theirs="$theirs" -v sched="$sched" -v prescribed="$prescribed" \
+            -v jemal="$jemal" 'BEGIN { printf "%-6s %12.0f %12.0f %12.0f %12.0f %12.0f %12.0f %9.2f %9.2f %12.2f\n", size, bare,
+                     ours, theirs, sched, prescribed, jemal, ours / bare, ours / theirs, jemal / ours }'
+    done
 done
-
+[ -z "$throughput_only" ] || exit 0
 fi
 
 # Sends a file with `sender` while tcpdump records the far end, and prints the gap figures.
