@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <random>
@@ -248,4 +249,28 @@ TEST(PreciseScheduler, SpinsThroughTheGapsOnlyWhenAskedAndNeverWholeSeconds)
     scheduler.SetSpinning(false);
     EXPECT_GE(spun, 1.2) << "did not spin through the gap";
     EXPECT_GE(slept, 0.3) << "spun through whole seconds";
+}
+
+// Senders on several threads at once, as many outputs of one process would be: every event runs
+// once, and every event that has run is destroyed once, whichever sender or the thread does it.
+TEST(PreciseScheduler, EventsFromManySendersRunOnceAndAreDestroyedOnce)
+{
+    Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
+    scheduler.UseWallClock();
+    constexpr int Senders = 4, EventsEach = 50000;
+    std::atomic<int> runs{0};
+    const auto token = std::make_shared<int>(0); // each event holds a copy until it is destroyed
+    std::vector<std::thread> senders;
+    for (int s = 0; s < Senders; ++s)
+        senders.emplace_back([&] {
+            for (int i = 0; i < EventsEach; ++i)
+                scheduler.ScheduleEvent([&runs, token](unsigned long long&) { runs.fetch_add(1); }, scheduler.GetPresentTimestamp());
+        });
+    for (std::thread& sender : senders)
+        sender.join();
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    while ((runs.load() < Senders * EventsEach || token.use_count() > 1) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(1ms);
+    EXPECT_EQ(runs.load(), Senders * EventsEach);
+    EXPECT_EQ(token.use_count(), 1) << "events that ran were kept";
 }
