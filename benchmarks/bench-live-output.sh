@@ -13,9 +13,9 @@
 # Needs root. PACING_FRAMES (default 100000) and THROUGHPUT_FRAMES (default 200000) set the
 # sizes; generated files go to a temporary folder that is removed afterwards.
 #   --load N   runs only the pacing part, with N busy loops at ordinary priority beside it
+#              (0: none)
 #   --throughput [ROUNDS]  runs only the throughput part, ROUNDS times (default 1), and adds
 #              lyrcap with jemalloc preloaded (Debian's libjemalloc2), to judge the allocator
-#              (0: none)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 load=0 pacing_only="" throughput_only="" rounds=1

@@ -50,8 +50,10 @@ Options:
 // The scheduler's clock runs on frame timestamps. The file's own first timestamp is made the
 // present (less a short lead), so at speed 1 the frames keep their own timestamps.
 constexpr unsigned long long LeadUs = 20000;
-// How far ahead of the wire the tool reads: by time, and by frames in flight (the pool's
-// buffers). Both bound memory and how long Ctrl-C waits for frames already handed over.
+// How far ahead of the wire the tool reads: by time, by frames in flight (the pool's buffers),
+// and by events queued. All bound memory and how long Ctrl-C waits for frames already handed
+// over; the queue's bound is below the pool's, so that buffers stay free while the events that
+// have run wait in a batch for this thread to destroy them.
 constexpr unsigned long long WindowUs = 500000;
 constexpr unsigned int BuffersInFlight = 1024;
 constexpr unsigned int QueuedAhead = 512;
