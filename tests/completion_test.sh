@@ -55,7 +55,9 @@ done
 check "the tool's option value is passed over" test "$(offers --plugin plugin.so "")" = "$(commands)"
 check "info takes a file" test "$(offers info "")" = $'plugin.so\ntrace.pcap'
 check "an option's value is no argument" test "$(offers replay --count 5 "")" = $'plugin.so\ntrace.pcap'
-check "a flag takes no value" bash -c "grep -qx lo <<<'$(offers send trace.pcap --topspeed "")'"
+for flag in --topspeed --spin; do
+    check "a flag takes no value: $flag" bash -c "grep -qx lo <<<'$(offers send trace.pcap $flag "")'"
+done
 check "capture takes a device" bash -c "grep -qx lo <<<'$(offers capture "")'"
 check "send takes a file, then a device" \
     bash -c "grep -qx trace.pcap <<<'$(offers send "")' && grep -qx lo <<<'$(offers send trace.pcap "")'"
