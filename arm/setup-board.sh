@@ -2,7 +2,7 @@
 # Makes the emulated 32-bit ARM board that the live tests run on, from Debian's packages alone:
 # qemu-system-arm, Debian's armhf kernel, and a root file system for an initramfs: busybox, dash,
 # bash, coreutils, util-linux, iproute2, tcpdump and tcpreplay with the libraries they load,
-# libpcap, the C and C++ run-time libraries, and the veth module. Kept in build/arm/board, and
+# libpcap, libcap, the C and C++ run-time libraries, and the veth module. Kept in build/arm/board, and
 # made again only when this script changes.
 #   arm/setup-board.sh
 # leaves there vmlinuz and root.cpio.gz, the base of the initramfs that arm/board.sh
@@ -16,7 +16,7 @@ stamp=$(sha1sum <"$0")
 
 source "$root/arm/packages.sh"
 userland=(busybox-static:armhf dash:armhf bash:armhf coreutils:armhf util-linux:armhf iproute2:armhf
-    tcpdump:armhf tcpreplay:armhf libpcap0.8:armhf libc6:armhf libstdc++6:armhf libgcc-s1:armhf)
+    tcpdump:armhf tcpreplay:armhf libpcap0.8:armhf libcap2:armhf libc6:armhf libstdc++6:armhf libgcc-s1:armhf)
 
 fetch_board_packages() {
     local kernel
@@ -43,9 +43,9 @@ cp "$(find "$board/kernel/lib/modules" -name veth.ko)" "$board/root/lib/modules/
 # busybox's own shell would run its applets before the programs of the same name (its "ip" knows
 # no veth), so /bin/sh is dash, as on a Debian system.
 ln -sf dash "$board/root/bin/sh"
-# tcpdump gives up root for this user once its file is open.
-printf 'root:x:0:0:root:/root:/bin/sh\ntcpdump:x:100:101::/nonexistent:/usr/sbin/nologin\n' >"$board/root/etc/passwd"
-printf 'root:x:0:\ntcpdump:x:101:\n' >"$board/root/etc/group"
+# tcpdump gives up root for its user once its file is open; the tests run lyrcap as nobody.
+printf 'root:x:0:0:root:/root:/bin/sh\ntcpdump:x:100:101::/nonexistent:/usr/sbin/nologin\nnobody:x:65534:65534:nobody:/nonexistent:/usr/sbin/nologin\n' >"$board/root/etc/passwd"
+printf 'root:x:0:\ntcpdump:x:101:\nnogroup:x:65534:\n' >"$board/root/etc/group"
 mkdir -p "$board/root"/{dev,proc,sys,tmp,busybox}
 rm -rf "$board/debs" "$board/kernel-deb" "$board/kernel" "$board/root/usr/share"/{doc,man,locale,info}
 (cd "$board/root" && find . | cpio -o -H newc -R 0:0 --quiet | gzip -1) >"$board/root.cpio.gz"

@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "Host.h"
+#include "Privileges.h"
 #include "Recorder.h"
 
 #include <lyr/EthFrame.h>
@@ -27,7 +28,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const char* const Help = R"(Usage: lyrcap capture DEVICE [--host A] [--port P] [--count N] [--seconds S] [-w FILE]
-                      [--file-size MB [--files N]] [--priority P]
+                      [--file-size MB [--files N]] [--priority P] [--user USER]
 
 Captures the traffic of a network device through the live back-end, as the framework does:
 the back-end's own thread opens the device (promiscuous, snap length 9022) and hands every
@@ -57,6 +58,15 @@ Options:
                 ordinary one. The back-end hands packets over within a millisecond and its
                 kernel buffer covers only a few milliseconds of a thread that is kept waiting,
                 so on a busy machine an ordinary thread drops frames at low rates.
+  --user USER   run as USER (its group and groups) from the start, keeping only the
+                capabilities to open devices (CAP_NET_RAW, so that a device that goes away
+                is opened again) and, with a realtime priority, CAP_SYS_NICE; FILE is created
+                by USER. Needs root
+  -Z USER       the same as --user USER
+A root run without --user still gives up every capability but those and the one to
+override file permissions. Without the permission to capture, the run ends at once with
+the reason. Ctrl-C, SIGTERM and SIGHUP end the capture with its summary (exit status 130);
+a reader of the status lines that goes away costs the capture nothing.
 Run 'lyrcap list-devices' for the names of the devices.
 )";
 
@@ -88,18 +98,21 @@ struct Tally {
     }
 };
 
-void PrintStatus(const NetInputCounters& counters, double rate, bool bTerminal)
+// False once the line could not be written: its reader has gone, and the capture goes on
+// without status lines.
+bool PrintStatus(const NetInputCounters& counters, double rate, bool bTerminal)
 {
-    std::fprintf(stderr, "%s%llu frames, %s, %llu dropped, %.0f frames/s%s", bTerminal ? "\r" : "",
-                 counters.frameCount, FormatBytes(static_cast<double>(counters.byteCount)).c_str(),
-                 counters.dropCount, rate, bTerminal ? "   " : "\n");
+    return std::fprintf(stderr, "%s%llu frames, %s, %llu dropped, %.0f frames/s%s", bTerminal ? "\r" : "",
+                        counters.frameCount, FormatBytes(static_cast<double>(counters.byteCount)).c_str(),
+                        counters.dropCount, rate, bTerminal ? "   " : "\n") >= 0;
 }
 
 } // namespace
 
 int RunCapture(const std::vector<std::string>& args)
 {
-    CommandLine line(args, {"--host", "--port", "--count", "--seconds", "-w", "--priority", "--file-size", "--files"}, {});
+    CommandLine line(args, {"--host", "--port", "--count", "--seconds", "-w", "--priority", "--file-size", "--files", "--user"},
+                     {}, {{"-Z", "--user"}});
     std::uint64_t port = 0;
     std::uint64_t priority = 10;
     std::uint64_t count = std::numeric_limits<std::uint64_t>::max();
@@ -123,7 +136,12 @@ int RunCapture(const std::vector<std::string>& args)
     Kt::CIpAddress host = Kt::CIpAddress::MinIpAddress;
     if (line.Has("--host") && !Kt::CIpAddress::Parse(line.Value("--host"), host))
         return UsageError("capture", "--host takes an IPv4 address, not '" + line.Value("--host") + "'");
+    RunPrivileges privileges{line.Value("--user"), true, priority > 0};
+    if (line.Has("--user") && !UserExists(privileges.user))
+        return UsageError("capture", "--user: no user '" + privileges.user + "'");
     const std::string device = line.Positional()[0];
+    if (!BeginRun(privileges, "capture") || !MayOpenDevice(device, "capture"))
+        return ExitFailure;
 
     LogWatch log;
     auto input = CreateNetInputIf();
@@ -150,6 +168,7 @@ int RunCapture(const std::vector<std::string>& args)
     std::cerr << "capturing on " << device << "\n";
 
     const bool bTerminal = isatty(STDERR_FILENO);
+    bool bShowStatus = true;
     const auto start = Clock::now();
     const auto deadline = seconds > 0 ? start + std::chrono::duration_cast<Clock::duration>(
                                                     std::chrono::duration<double>(seconds))
@@ -173,14 +192,15 @@ int RunCapture(const std::vector<std::string>& args)
             // The counters start again at every open: a rate across a reopen counts from 0.
             const unsigned long long delta =
                 counters.frameCount >= last.frameCount ? counters.frameCount - last.frameCount : counters.frameCount;
-            PrintStatus(counters, delta / span, bTerminal);
+            if (bShowStatus)
+                bShowStatus = PrintStatus(counters, delta / span, bTerminal);
             last = counters;
             lastStatus = now;
         }
     }
     counters = input->GetCounters(); // drops are gone once the handle is closed
     input->Stop();
-    if (bTerminal)
+    if (bTerminal && bShowStatus)
         std::fputc('\n', stderr);
     // Closing the recording completes its file, and tells whether frames were lost on the way.
     const bool bRecorded = !recorder || recorder->Close();

@@ -11,10 +11,25 @@ bool Contains(const std::vector<std::string>& list, const std::string& word)
     return std::find(list.begin(), list.end(), word) != list.end();
 }
 
+// Digits, and at most `points` decimal points, and at least one digit: strtoull and strtod take
+// far more (blanks, signs, hexadecimal, exponents, "inf"), none of which a user means.
+bool IsPlainNumber(const std::string& text, int points)
+{
+    bool bDigit = false;
+    for (char c : text) {
+        if (c == '.' && points-- > 0)
+            continue;
+        if (c < '0' || c > '9')
+            return false;
+        bDigit = true;
+    }
+    return bDigit;
+}
+
 } // namespace
 
 CommandLine::CommandLine(std::vector<std::string> words, std::vector<std::string> valueOptions,
-                         std::vector<std::string> flagOptions)
+                         std::vector<std::string> flagOptions, const std::vector<Alias>& aliases)
 {
     flagOptions.push_back("--help");
     for (std::size_t i = 0; i < words.size() && error.empty(); ++i) {
@@ -25,6 +40,9 @@ CommandLine::CommandLine(std::vector<std::string> words, std::vector<std::string
         }
         if (word == "-h")
             word = "--help";
+        for (const Alias& alias : aliases)
+            if (word == alias.first)
+                word = alias.second;
         std::string inlineValue;
         bool bInline = false;
         std::size_t equals = word.find('=');
@@ -70,7 +88,7 @@ bool CommandLine::Number(const std::string& option, std::uint64_t min, std::uint
     char* end = nullptr;
     errno = 0;
     unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-    if (text.empty() || text[0] == '-' || *end != '\0' || errno == ERANGE || value < min || value > max) {
+    if (!IsPlainNumber(text, 0) || *end != '\0' || errno == ERANGE || value < min || value > max) {
         error = option + " takes a whole number from " + std::to_string(min) + " to " + std::to_string(max) +
                 ", not '" + text + "'";
         return false;
@@ -86,7 +104,7 @@ bool CommandLine::Decimal(const std::string& option, double min, double max, dou
     const std::string text = Value(option);
     char* end = nullptr;
     double value = std::strtod(text.c_str(), &end);
-    if (text.empty() || *end != '\0' || !(value >= min && value <= max)) {
+    if (!IsPlainNumber(text, 1) || *end != '\0' || !(value >= min && value <= max)) {
         error = option + " takes a number from " + std::to_string(min) + " to " + std::to_string(max) + ", not '" +
                 text + "'";
         return false;

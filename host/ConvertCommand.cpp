@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Privileges.h"
 #include "FrameReader.h"
 #include "Recorder.h"
 #include "TimeStamps.h"
@@ -55,6 +56,8 @@ int RunConvert(const std::vector<std::string>& args)
     // Recording truncates OUT before the first frame is read from IN.
     if (SameFile(in, out))
         return UsageError("convert", "the output would overwrite the input");
+    if (!BeginRun({}, "convert"))
+        return ExitFailure;
 
     FrameReader reader;
     if (!reader.OpenRange(in, range, "convert", true))

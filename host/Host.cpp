@@ -1,5 +1,7 @@
 #include "Host.h"
 
+#include "Privileges.h"
+
 #include <lyr/PluginLoader.h>
 #include <lyr/PluginLookup.h>
 
@@ -54,9 +56,23 @@ std::string Installed(const std::string& relative)
 
 } // namespace
 
+namespace {
+
+std::string chosenPlugin; // --plugin, when given
+
+// What a privileged run loads without --plugin: the plug-in of the installed folder, by the
+// absolute path fixed at the build, since whoever starts a copy of the program elsewhere
+// chooses what lies beside that copy.
+std::string InstalledPlugin()
+{
+    return LYRCAP_PLUGIN_FOLDER "/" LYRCAP_PLUGIN_NAME;
+}
+
 std::string DefaultPluginPath()
 {
-    if (const char* fromEnvironment = std::getenv("LYRCAP_PLUGIN"))
+    if (RunsPrivileged())
+        return InstalledPlugin();
+    if (const char* fromEnvironment = secure_getenv("LYRCAP_PLUGIN"))
         return fromEnvironment;
     // Installed: the framework's plug-in folder, reached from our own; the build tree runs
     // the plug-in of its own build.
@@ -64,16 +80,48 @@ std::string DefaultPluginPath()
     return installed.empty() ? LYRCAP_BUILD_PLUGIN : installed;
 }
 
+// The plug-in to load, or "" when a privileged run must not load the one asked for.
+std::string PluginToLoad()
+{
+    if (!RunsPrivileged())
+        return chosenPlugin.empty() ? DefaultPluginPath() : chosenPlugin;
+    if (chosenPlugin.empty() && std::getenv("LYRCAP_PLUGIN"))
+        std::cerr << "lyrcap: LYRCAP_PLUGIN is not read: lyrcap runs with more privilege than its user\n";
+    if (chosenPlugin.empty())
+        return InstalledPlugin();
+    std::string why;
+    if (IsTrustedPlugin(chosenPlugin, LYRCAP_PLUGIN_FOLDER, why))
+        return chosenPlugin;
+    std::cerr << "lyrcap: refusing to load the plug-in " << chosenPlugin << ": " << why
+              << " (lyrcap runs with more privilege than its user, and then loads plug-ins only from "
+              << LYRCAP_PLUGIN_FOLDER << " or from files and folders that only root can write)\n";
+    return "";
+}
+
+} // namespace
+
+void ChoosePlugin(const std::string& path)
+{
+    chosenPlugin = path;
+}
+
 std::string SamplePath(const std::string& name)
 {
+    if (RunsPrivileged())
+        return LYRCAP_SAMPLES_FOLDER "/" + name;
     const std::string installed = Installed(LYRCAP_INSTALLED_SAMPLES "/" + name);
     return installed.empty() ? std::string(LYRCAP_SOURCE_SAMPLES) + "/" + name : installed;
 }
 
-bool LoadBackends(const std::string& pluginPath)
+bool BeginRun(const RunPrivileges& privileges, const std::string& command)
 {
+    if (!GiveUpPrivileges(privileges, command))
+        return false;
+    const std::string plugin = PluginToLoad();
+    if (plugin.empty())
+        return false;
     std::string error;
-    if (Lyr::LoadPlugin(pluginPath, error))
+    if (Lyr::LoadPlugin(plugin, error))
         return true;
     std::cerr << "lyrcap: " << error << "\n";
     return false;
@@ -111,10 +159,25 @@ void StartAtRealtimePriority(int priority, const std::string& what, const std::f
         pthread_setschedparam(pthread_self(), policy, &previous);
 }
 
-void InstallInterruptHandler()
+void InstallSignalHandlers()
 {
     std::signal(SIGINT, OnInterrupt);
     std::signal(SIGTERM, OnInterrupt);
+    // A closed terminal or a dropped ssh session ends the run as Ctrl-C does, unless the tool
+    // was started to outlive it (nohup leaves SIGHUP ignored).
+    if (std::signal(SIGHUP, OnInterrupt) == SIG_IGN)
+        std::signal(SIGHUP, SIG_IGN);
+    // A reader that goes away is told by the write that fails, to each command's own taste: the
+    // status lines of a capture are given up, a replay's output ends the replay.
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+bool StandardOutputWritten(const std::string& command)
+{
+    if (std::fflush(stdout) == 0 && !std::ferror(stdout))
+        return true;
+    std::fprintf(stderr, "lyrcap %s: writing standard output failed: %s\n", command.c_str(), std::strerror(errno));
+    return false;
 }
 
 bool Interrupted()

@@ -13,9 +13,14 @@
 
 enum ExitStatus { ExitOk = 0, ExitFailure = 1, ExitUsage = 2, ExitInterrupted = 130 };
 
-// Loads the plug-in (path given, or the default) and prints why when it can't.
-bool LoadBackends(const std::string& pluginPath);
-std::string DefaultPluginPath();
+struct RunPrivileges;
+
+// The plug-in that BeginRun loads (--plugin); without one, $LYRCAP_PLUGIN, else the installed one.
+void ChoosePlugin(const std::string& path);
+// Gives up the privilege that the run does not need (Privileges.h), then loads the plug-in, and
+// says why when either fails. Every command calls it once its arguments are known to be good,
+// before it starts a thread or opens a file.
+bool BeginRun(const RunPrivileges& privileges, const std::string& command);
 // The shipped sample of that name ("ethernet.pcap"), for commands run without a file.
 std::string SamplePath(const std::string& name);
 
@@ -24,9 +29,13 @@ std::unique_ptr<Lyr::NetFile> CreateNetFile();
 // A live-input back-end from the loaded plug-in, or null with a message.
 std::unique_ptr<Lyr::NetInputIf> CreateNetInputIf();
 
-// Ctrl-C (and SIGTERM) set a flag that long-running commands poll; a second Ctrl-C while the
-// flag is set kills the process as usual.
-void InstallInterruptHandler();
+// Ctrl-C, SIGTERM and SIGHUP set a flag that long-running commands poll; a second one while the
+// flag is set kills the process as usual. SIGPIPE is ignored: a write to a reader that went away
+// fails instead, and each command decides what that means.
+void InstallSignalHandlers();
+// Flushes standard output; false, having said why, when what the command printed there did not
+// all arrive (a reader that went away, a full disk).
+bool StandardOutputWritten(const std::string& command);
 
 // Runs `start` with the calling thread at realtime priority `priority` (SCHED_FIFO; 0 leaves the
 // scheduling alone), then gives the priority up again: a thread that `start` makes takes the

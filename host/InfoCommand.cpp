@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Privileges.h"
 #include "FrameReader.h"
 #include "TimeStamps.h"
 
@@ -48,6 +49,8 @@ int RunInfo(const std::vector<std::string>& args)
     }
     if (line.Positional().size() > 1)
         return UsageError("info", "takes one file");
+    if (!BeginRun({}, "info"))
+        return ExitFailure;
     const std::string path = line.Positional().empty() ? SamplePath("ethernet.pcap") : line.Positional()[0];
 
     FrameReader reader;
@@ -86,5 +89,7 @@ int RunInfo(const std::vector<std::string>& args)
         std::printf("first packet:   %s (%s)\n", FormatUtc(first).c_str(), FormatEpoch(first).c_str());
         std::printf("last packet:    %s (%s)\n", FormatUtc(last).c_str(), FormatEpoch(last).c_str());
     }
+    if (!StandardOutputWritten("info"))
+        return ExitFailure;
     return Interrupted() ? ExitInterrupted : ExitOk;
 }

@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Privileges.h"
 #include "Host.h"
 
 #include <pcap/pcap.h>
@@ -55,6 +56,8 @@ int RunListDevices(const std::vector<std::string>& args)
     }
     if (!line.Positional().empty())
         return UsageError("list-devices", "takes no arguments");
+    if (!BeginRun({}, "list-devices"))
+        return ExitFailure;
     pcap_if_t* devices = nullptr;
     char errbuf[PCAP_ERRBUF_SIZE];
     errbuf[0] = '\0';
@@ -72,5 +75,5 @@ int RunListDevices(const std::vector<std::string>& args)
         std::cout << "\n";
     }
     pcap_freealldevs(devices);
-    return ExitOk;
+    return StandardOutputWritten("list-devices") ? ExitOk : ExitFailure;
 }

@@ -50,13 +50,10 @@ std::uint64_t WholeRecords(int descriptor, std::uint64_t size, std::uint64_t& wh
     return records;
 }
 
-// The system's own reason why `path` cannot grow: asked of the file system by reserving a block
+// The system's own reason why the file cannot grow: asked of the file system by reserving a block
 // behind its end, which is given back at once.
-std::string WhyNotGrowing(const std::string& path, std::uint64_t size)
+std::string WhyNotGrowing(int descriptor, std::uint64_t size)
 {
-    const int descriptor = open(path.c_str(), O_WRONLY);
-    if (descriptor < 0)
-        return std::strerror(errno);
     std::string reason;
     if (fallocate(descriptor, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(size), 4096) != 0) {
         if (errno != EOPNOTSUPP)
@@ -67,8 +64,46 @@ std::string WhyNotGrowing(const std::string& path, std::uint64_t size)
     struct statvfs space{};
     if (reason.empty() && fstatvfs(descriptor, &space) == 0 && space.f_bfree == 0)
         reason = std::strerror(ENOSPC);
-    close(descriptor);
     return reason.empty() ? "the file holds less than was written to it" : reason;
+}
+
+// Creates the file `name`, or empties the one there, for writing: never through a symbolic link,
+// and never anything but a regular file of that one name, whose other names (hard links) would
+// change too. -1, with the reason, when it will not. Everything later is done through the
+// descriptor, so that a file put in its place by name meanwhile is never touched.
+int CreateOutputFile(const std::string& name, std::string& reason)
+{
+    int descriptor = open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (descriptor >= 0)
+        return descriptor; // new, and so a regular file of one name
+    // Something is there: opened without following a link, without waiting for a FIFO's
+    // reader or taking a terminal, and looked at before it is changed.
+    if (errno == EEXIST)
+        descriptor = open(name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    struct stat info{};
+    if (descriptor < 0)
+        reason = errno == ELOOP ? "it is a symbolic link, which is not followed (its target is left alone)"
+                                : std::strerror(errno);
+    else if (fstat(descriptor, &info) != 0)
+        reason = std::strerror(errno);
+    else if (!S_ISREG(info.st_mode))
+        reason = "it is not a regular file";
+    else if (info.st_nlink > 1)
+        reason = "the file has " + std::to_string(info.st_nlink) + " names (hard links), and would change under each";
+    else if (ftruncate(descriptor, 0) != 0)
+        reason = std::strerror(errno);
+    else
+        return descriptor;
+    if (descriptor >= 0)
+        close(descriptor);
+    return -1;
+}
+
+// The name under which the back-end opens the file that `descriptor` holds: the same file,
+// whatever happens to its name meanwhile.
+std::string DescriptorPath(int descriptor)
+{
+    return "/proc/self/fd/" + std::to_string(descriptor);
 }
 
 // "ring.pcap", 3 -> "ring_00003.pcap": the number goes before the extension.
@@ -88,7 +123,7 @@ std::string NumberedName(const std::string& path, std::uint64_t number)
 struct Recorder::File {
     std::string name;
     std::unique_ptr<Lyr::NetFile> recording;
-    int descriptor = -1; // the same file, read-only, for its size
+    int descriptor = -1; // the file as created, for its size, its records and cutting it
     std::uint64_t frames = 0;
     std::uint64_t expected = FileHeaderSize; // what the file holds once closed
     std::uint64_t flushed = FileHeaderSize;  // what it must hold already
@@ -170,12 +205,18 @@ bool Recorder::OpenNext()
 {
     auto file = std::make_unique<File>();
     file->name = ring.fileBytes == 0 ? path : NumberedName(path, ++sequence);
+    std::string reason;
+    file->descriptor = CreateOutputFile(file->name, reason);
+    if (file->descriptor < 0) {
+        std::fprintf(stderr, "lyrcap %s: cannot write %s: %s\n", command.c_str(), file->name.c_str(), reason.c_str());
+        return false;
+    }
     file->recording = CreateNetFile();
-    if (!file->recording || !file->recording->ConfigureFile(file->name, Lyr::NetFile::NetFileMode_Write, 0)) {
+    if (!file->recording ||
+        !file->recording->ConfigureFile(DescriptorPath(file->descriptor), Lyr::NetFile::NetFileMode_Write, 0)) {
         std::fprintf(stderr, "lyrcap %s: cannot write %s\n", command.c_str(), file->name.c_str());
         return false;
     }
-    file->descriptor = open(file->name.c_str(), O_RDONLY | O_CLOEXEC);
     if (ring.files != 0 && kept.size() >= ring.files) {
         std::remove(kept.front().c_str());
         kept.pop_front();
@@ -196,6 +237,7 @@ bool Recorder::Write(const Lyr::EthFrame& frame)
     if (ring.fileBytes != 0 && current->frames != 0 && current->expected + RecordHeaderSize + size > ring.fileBytes &&
         !(CloseCurrent() && OpenNext())) {
         bWriting = false;
+        bFailed = true; // and said, by the one that failed
         return false;
     }
     File& file = *current;
@@ -229,10 +271,10 @@ bool Recorder::CloseCurrent()
 bool Recorder::Failed(const File& file)
 {
     const std::uint64_t size = FileSize(file.descriptor);
-    std::string reason = WhyNotGrowing(file.name, size);
+    std::string reason = WhyNotGrowing(file.descriptor, size);
     std::uint64_t wholeSize = 0;
     const std::uint64_t records = WholeRecords(file.descriptor, size, wholeSize);
-    if (wholeSize < size && truncate(file.name.c_str(), static_cast<off_t>(wholeSize)) != 0)
+    if (wholeSize < size && ftruncate(file.descriptor, static_cast<off_t>(wholeSize)) != 0)
         reason += std::string("; cutting off its last record failed too: ") + std::strerror(errno);
     const std::uint64_t reached = frames - file.frames + records;
     std::fprintf(stderr, "lyrcap %s: writing %s failed: %s; %llu frames reached the file%s, %llu did not\n",

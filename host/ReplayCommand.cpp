@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Privileges.h"
 #include "FrameReader.h"
 #include "TimeStamps.h"
 
@@ -51,6 +52,8 @@ int RunReplay(const std::vector<std::string>& args)
     }
     if (line.Positional().size() > 1)
         return UsageError("replay", "takes one file");
+    if (!BeginRun({}, "replay"))
+        return ExitFailure;
     const std::string path = line.Positional().empty() ? SamplePath("ethernet.pcap") : line.Positional()[0];
 
     FrameReader reader;
@@ -62,14 +65,17 @@ int RunReplay(const std::vector<std::string>& args)
         if (!frame)
             break;
         const unsigned short type = frame->GetLengthType();
-        std::printf("%s %8llu ms %5u  %s > %s  0x%04x %s\n", FormatEpoch(frame->GetTimestamp()).c_str(),
-                    reader.File().GetPosition(), frame->GetData().size, FormatMac(frame->GetDstAddress()).c_str(),
-                    FormatMac(frame->GetSrcAddress()).c_str(), type, EtherTypeName(type));
+        if (std::printf("%s %8llu ms %5u  %s > %s  0x%04x %s\n", FormatEpoch(frame->GetTimestamp()).c_str(),
+                        reader.File().GetPosition(), frame->GetData().size, FormatMac(frame->GetDstAddress()).c_str(),
+                        FormatMac(frame->GetSrcAddress()).c_str(), type, EtherTypeName(type)) < 0)
+            break; // a reader that went away (replay | head), said below
         ++frames;
         bytes += frame->GetData().size;
     }
-    std::fflush(stdout);
+    const bool bWritten = StandardOutputWritten("replay");
     std::fprintf(stderr, "%llu frames, %llu bytes, %llu refused\n", frames, bytes,
                  static_cast<unsigned long long>(reader.Refused()));
+    if (!bWritten)
+        return ExitFailure;
     return Interrupted() ? ExitInterrupted : ExitOk;
 }

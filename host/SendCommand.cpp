@@ -2,6 +2,7 @@
 #include "Commands.h"
 #include "FrameReader.h"
 #include "Host.h"
+#include "Privileges.h"
 
 #include <lyr/NetOutputIf.h>
 #include <lyr/PluginLookup.h>
@@ -24,7 +25,7 @@
 namespace {
 
 const char* const Help = R"(Usage: lyrcap send FILE DEVICE [--speed X | --topspeed] [--loop N]
-                   [--timeout US] [--sndbuf BYTES] [--priority P] [--spin]
+                   [--timeout US] [--sndbuf BYTES] [--priority P] [--spin] [--user USER]
 
 Puts the frames of a capture file on the wire of DEVICE at the times the file gives them,
 through the pcap output back-end. The first frame leaves shortly after the start and the
@@ -45,6 +46,12 @@ Options:
   --spin          the scheduler thread spins through the gaps between frames instead of
                   sleeping: the most precise timing, for a machine that can give that
                   thread a core of its own (it takes all of one)
+  --user USER     run as USER (its group and groups) from the start, keeping only the
+                  capabilities to open DEVICE (CAP_NET_RAW) and, with a realtime priority,
+                  CAP_SYS_NICE; FILE must be readable by USER. Needs root
+  -Z USER         the same as --user USER
+A root run without --user still gives up every capability but those and the one to
+override file permissions. Ctrl-C, SIGTERM and SIGHUP stop the sending (exit status 130).
 )";
 
 // The scheduler's clock runs on frame timestamps. The file's own first timestamp is made the
@@ -68,6 +75,7 @@ struct Settings {
     std::uint64_t sendBuffer = 0;
     std::uint64_t priority = 10;
     bool bSpin = false;
+    std::string user; // --user, or empty
 };
 
 // Where each frame goes on the scheduler's clock: the file's gaps divided by the speed, each
@@ -163,6 +171,8 @@ template <typename Busy> bool WaitWhile(Busy busy, Tally& tally, const LogWatch&
 
 int Send(const std::string& path, const std::string& device, const Settings& settings)
 {
+    if (!BeginRun(RunPrivileges{settings.user, true, settings.priority > 0}, "send") || !MayOpenDevice(device, "send"))
+        return ExitFailure;
     FrameReader reader;
     if (!reader.Open(path, false, false)) {
         std::cerr << "lyrcap send: cannot read " << path << "\n";
@@ -255,7 +265,8 @@ int Send(const std::string& path, const std::string& device, const Settings& set
     std::printf("scheduler thread: %s%s, slept %.3f s, spun %.3f s\n", scheduling.c_str(),
                 settings.bSpin ? ", spinning through the gaps" : "",
                 waited.sleptSeconds - waitedBefore.sleptSeconds, waited.spunSeconds - waitedBefore.spunSeconds);
-    std::fflush(stdout);
+    if (!StandardOutputWritten("send"))
+        return ExitFailure;
     return bStopped ? ExitInterrupted : ExitOk;
 }
 
@@ -263,7 +274,8 @@ int Send(const std::string& path, const std::string& device, const Settings& set
 
 int RunSend(const std::vector<std::string>& args)
 {
-    CommandLine line(args, {"--speed", "--loop", "--timeout", "--sndbuf", "--priority"}, {"--topspeed", "--spin"});
+    CommandLine line(args, {"--speed", "--loop", "--timeout", "--sndbuf", "--priority", "--user"}, {"--topspeed", "--spin"},
+                     {{"-Z", "--user"}});
     Settings settings;
     if (!line.Ok() || !line.Decimal("--speed", 0.001, 1000000, settings.speed) ||
         !line.Number("--loop", 1, 1000000000, settings.loops) ||
@@ -281,5 +293,8 @@ int RunSend(const std::vector<std::string>& args)
         return UsageError("send", "--speed and --topspeed exclude each other");
     if (line.Positional().size() != 2)
         return UsageError("send", "needs a FILE and a DEVICE");
+    settings.user = line.Value("--user");
+    if (line.Has("--user") && !UserExists(settings.user))
+        return UsageError("send", "--user: no user '" + settings.user + "'");
     return Send(line.Positional()[0], line.Positional()[1], settings);
 }

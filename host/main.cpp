@@ -33,10 +33,13 @@ void PrintUsage(std::ostream& out)
     out << "\nOptions:\n"
            "  --plugin PATH   the plug-in to load; default: $LYRCAP_PLUGIN, else the installed one,\n"
            "                  " LYRCAP_INSTALLED_PLUGIN "\n"
-           "                  from this program's folder\n"
+           "                  from this program's folder. Run with more privilege than its user\n"
+           "                  (file capabilities, setuid), lyrcap reads no $LYRCAP_PLUGIN and loads\n"
+           "                  only " LYRCAP_PLUGIN_FOLDER "/" LYRCAP_PLUGIN_NAME "\n"
+           "                  or a file that only root can write, in folders that only root can write\n"
            "  --help          this text; 'lyrcap COMMAND --help' for a command\n"
            "  --version       the version of lyrcap\n\n"
-           "Exit status: 0 done, 1 failed, 2 usage error, 130 interrupted.\n";
+           "Exit status: 0 done, 1 failed, 2 usage error, 130 interrupted (Ctrl-C, SIGTERM, SIGHUP).\n";
 }
 
 } // namespace
@@ -44,7 +47,6 @@ void PrintUsage(std::ostream& out)
 int main(int argc, char** argv)
 {
     std::vector<std::string> words(argv + 1, argv + argc);
-    std::string pluginPath = DefaultPluginPath();
     // Options before the command belong to the tool itself.
     while (!words.empty() && words[0].rfind("-", 0) == 0) {
         if (words[0] == "--help" || words[0] == "-h") {
@@ -56,10 +58,10 @@ int main(int argc, char** argv)
             return ExitOk;
         }
         if (words[0] == "--plugin" && words.size() > 1) {
-            pluginPath = words[1];
+            ChoosePlugin(words[1]);
             words.erase(words.begin(), words.begin() + 2);
         } else if (words[0].rfind("--plugin=", 0) == 0) {
-            pluginPath = words[0].substr(9);
+            ChoosePlugin(words[0].substr(9));
             words.erase(words.begin());
         } else {
             std::cerr << "lyrcap: " << (words[0] == "--plugin" ? "option --plugin needs a value" : "unknown option " + words[0])
@@ -75,14 +77,9 @@ int main(int argc, char** argv)
     for (const Command& command : AllCommands()) {
         if (words[0] != command.name)
             continue;
-        std::vector<std::string> args(words.begin() + 1, words.end());
-        // --help needs no plug-in, so it works even where none loads.
-        const bool bHelpOnly = std::find(args.begin(), args.end(), "--help") != args.end() ||
-                               std::find(args.begin(), args.end(), "-h") != args.end();
-        if (!bHelpOnly && !LoadBackends(pluginPath))
-            return ExitFailure;
-        InstallInterruptHandler();
-        return command.run(args);
+        InstallSignalHandlers();
+        // Each command gives up privilege and loads the plug-in once it knows what it needs.
+        return command.run(std::vector<std::string>(words.begin() + 1, words.end()));
     }
     std::cerr << "lyrcap: unknown command '" << words[0] << "'\n";
     PrintUsage(std::cerr);

@@ -34,6 +34,9 @@ set(CPACK_PACKAGE_NAME lyrpcap)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT ${LYR_PACKAGE_CONTACT})
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
+# Staged with DESTDIR, so that the install sees the prefix the tool was configured for (it
+# refuses another): its run path and the paths a privileged run trusts are absolute.
+set(CPACK_SET_DESTDIR ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL plugin tool)

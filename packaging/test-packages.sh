@@ -5,8 +5,9 @@
 #   nothing of the framework, the tool on the plug-in of its own version;
 # - the packaged plug-ins export the factory singletons as unique symbols, as the built ones do;
 # - amd64: the packages install with dpkg -i, lyrcap runs info and replay on the shipped samples
-#   from PATH, with the installed plug-in and its private libraries, its manual page and bash
-#   completion are found, and dpkg -r leaves nothing behind;
+#   from PATH, with the installed plug-in and its private libraries, also as an ordinary user
+#   through file capabilities (a capture included), its manual page and bash completion are
+#   found, and dpkg -r leaves nothing behind;
 # - armhf: the packages unpacked into a scratch root run the samples there under qemu-arm.
 # The machine ends as it started: the packages are removed even when a check fails.
 set -u
@@ -81,14 +82,15 @@ for arch in amd64 armhf; do
     check "$arch: the packaged plug-in exports the factory singletons as unique symbols" \
         test -z "$(comm -23 <(factory_singletons) <(unique_symbols "$packaged"))"
     check "$arch: as the built plug-in does" test "$(unique_symbols "$packaged")" = "$(unique_symbols "$built")"
-    check "$arch: lyrcap's run path is its private folder" \
-        grep -q "(RUNPATH).*\[\$ORIGIN/../lib/$multiarch/lyrcap\]" <<<"$(readelf -d "$tree/usr/bin/lyrcap")"
+    check "$arch: lyrcap's run path is its private folder, by its absolute path" \
+        grep -q "(RUNPATH).*\[/usr/lib/$multiarch/lyrcap\]" <<<"$(readelf -d "$tree/usr/bin/lyrcap")"
 done
 
 echo "--- armhf: the unpacked packages under qemu-arm"
 sysroot=$("$root/arm/setup.sh")
-run_arm() { qemu-arm -L "${sysroot:-/usr/arm-linux-gnueabihf}" "$scratch/armhf/usr/bin/lyrcap" "$@"; }
 arm_lib=$scratch/armhf/usr/lib/arm-linux-gnueabihf
+# The tool's run path names the private folder where the package puts it, not the scratch root's.
+run_arm() { qemu-arm -L "${sysroot:-/usr/arm-linux-gnueabihf}" -E LD_LIBRARY_PATH="$arm_lib/lyrcap" "$scratch/armhf/usr/bin/lyrcap" "$@"; }
 check "armhf: lyrcap --version" test "$(run_arm --version)" = "lyrcap ${version%%-*}"
 LD_DEBUG=libs run_arm info >"$scratch/out" 2>"$scratch/err"
 check "armhf: lyrcap info runs the shipped sample" test $? = 0 \
@@ -131,6 +133,18 @@ else
         test -n "$(replay_of_build ethernet.pcap)" -a "$(lyrcap replay 2>/dev/null)" = "$(replay_of_build ethernet.pcap)"
     check "amd64: an ordinary user runs lyrcap replay with the installed plug-in" test -n "$(replay_of_build ethernet.pcap)" \
         -a "$(setpriv --reuid=nobody --regid="$(id -g nobody)" --clear-groups lyrcap replay 2>/dev/null)" = "$(replay_of_build ethernet.pcap)"
+    # File capabilities, as an administrator gives them so that users capture without root.
+    setcap cap_net_raw+ep /usr/bin/lyrcap
+    check "amd64: with file capabilities, an ordinary user runs lyrcap replay" \
+        test "$(setpriv --reuid=nobody --regid="$(id -g nobody)" --clear-groups lyrcap replay 2>/dev/null)" = "$(replay_of_build ethernet.pcap)"
+    if unshare -n true 2>/dev/null; then
+        unshare -n bash -c "ip link add lyrpkg0 type veth peer name lyrpkg1 && ip link set lyrpkg0 up &&
+            setpriv --reuid=nobody --regid=$(id -g nobody) --clear-groups lyrcap capture lyrpkg0 --seconds 1 --priority 0" 2>"$scratch/err"
+        check "amd64: and captures on a device" test $? = 0 -a -n "$(grep ' frames, [0-9]* bytes captured in 1' "$scratch/err")"
+    else
+        skip "amd64: a capture with file capabilities (no network namespace here)"
+    fi
+    setcap -r /usr/bin/lyrcap
     check "amd64: lyrcap replay of the RAW sample" \
         test "$(lyrcap replay /usr/share/lyrcap/samples/raw-multicast.pcap 2>/dev/null)" = "$(replay_of_build raw-multicast.pcap)"
     if grep -rqs 'path-exclude.*/usr/share/man' /etc/dpkg/dpkg.cfg.d/; then

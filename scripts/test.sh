@@ -27,15 +27,16 @@ run_suite() { # flavour, then ctest arguments
     echo "=== $flavour tests"
     ctest --test-dir "$root/build/$flavour" --no-tests=error --output-on-failure --timeout 300 -j2 "$@"
 }
-# The build most people type first: CMake's default generator, out of tree, then an install to
-# a prefix of its own, whose lyrcap must read the shipped sample with the installed plug-in.
+# The build most people type first: CMake's default generator, out of tree, configured for a
+# prefix of its own and installed there, whose lyrcap must read the shipped sample with the
+# installed plug-in.
 default_generator_build() {
     echo "=== default generator build, install and run"
     local build=$root/build/default prefix
     prefix=$(mktemp -d)
-    env -u CMAKE_GENERATOR cmake -S "$root" -B "$build" >/dev/null &&
+    env -u CMAKE_GENERATOR cmake -S "$root" -B "$build" -DCMAKE_INSTALL_PREFIX="$prefix" >/dev/null &&
         cmake --build "$build" -j2 >/dev/null &&
-        cmake --install "$build" --prefix "$prefix" >/dev/null &&
+        cmake --install "$build" >/dev/null &&
         "$prefix/bin/lyrcap" info | grep "^packets: *20$" >/dev/null
     local status=$?
     rm -rf "$prefix"

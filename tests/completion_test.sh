@@ -45,6 +45,7 @@ for command in "" $(commands); do
         case $value in
             FILE) expected=$'plugin.so\ntrace.pcap' ;;
             PATH) expected=plugin.so ;;
+            USER) expected=$(compgen -u | sort -u) ;;
             *) expected="" ;; # a number, an address: nothing to offer
         esac
         [ -n "$value" ] || continue

@@ -37,11 +37,12 @@ fails "replay --seek beyond the duration" "cannot seek to 100000 ms: .* lasts [0
 duration=$("$lyrcap" info "$eth" 2>/dev/null | awk '/^duration:/ {print $2}')
 check "replay --seek to the duration itself fails" test "$(status "$lyrcap" replay "$eth" --seek "$duration")" = 1
 
-# Ctrl-C and SIGTERM: the replay writes into a pipe that this script holds and has stopped
-# reading, so it is still replaying when the signal comes, however fast the machine.
+# Ctrl-C, SIGTERM and SIGHUP (a closed terminal): the replay writes into a pipe that this script
+# holds and has stopped reading, so it is still replaying when the signal comes, however fast the
+# machine.
 "$make_fixture" bench "$dir/long.pcap" --packets 20000 --size 64 >/dev/null
 mkfifo "$dir/pipe"
-for signal in INT TERM; do
+for signal in INT TERM HUP; do
     "$lyrcap" replay "$dir/long.pcap" >"$dir/pipe" 2>"$dir/err" & pid=$!
     exec 3<"$dir/pipe"
     read -r _ <&3
@@ -52,6 +53,28 @@ for signal in INT TERM; do
     check "a replay stopped by SIG$signal exits 130" test $? = 130
     check "a replay stopped by SIG$signal still sums up" grep -q "^[0-9]* frames, " "$dir/err"
 done
+# A reader that goes away ends a replay, which says so with what it wrote, and does not die of
+# SIGPIPE (141).
+"$lyrcap" replay "$dir/long.pcap" 2>"$dir/err" | head -1 >/dev/null
+check "a replay whose reader goes away exits 1" test "${PIPESTATUS[0]}" = 1
+check "and says so, with the frames it wrote" test "$(grep -c "^lyrcap replay: writing standard output failed: Broken pipe$\|^[0-9]* frames, " "$dir/err")" = 2
+# SIGHUP stops a conversion between records: the output holds whole ones, as many as it says.
+# The conversion is held up mid-file by its own messages: 2048 packets that are refused
+# (length 61, 60 bytes captured) between two halves of the long file, with standard error a pipe
+# that nobody reads until the signal has come.
+{ printf '\x00\x00\x00\x66\x00\x00\x00\x00\x3c\x00\x00\x00\x3d\x00\x00\x00'; head -c 60 /dev/zero; } >"$dir/refused"
+for _ in $(seq 11); do cat "$dir/refused" "$dir/refused" >"$dir/twice" && mv "$dir/twice" "$dir/refused"; done
+cat "$dir/long.pcap" "$dir/refused" <(tail -c +25 "$dir/long.pcap") >"$dir/held-up.pcap"
+"$lyrcap" convert "$dir/held-up.pcap" "$dir/hup.pcap" >/dev/null 2>"$dir/pipe" & pid=$!
+exec 3<"$dir/pipe"
+read -r _ <&3 # the first refusal: every frame before it is handed over
+kill -HUP "$pid"
+cat <&3 >"$dir/err"
+exec 3<&-
+wait "$pid"
+check "a conversion stopped by SIGHUP exits 130" test $? = 130
+converted=$(sed -n 's/^\([0-9]*\) frames, .*(stopped by Ctrl-C.*/\1/p' "$dir/err")
+check "and sums up what it wrote, which is whole" test -n "$converted" -a "$(tcpdump -r "$dir/hup.pcap" 2>&1 | grep -c "UDP\|truncated")" = "${converted:-x}"
 
 # Conversion and info in every format: tcpdump sees the same packets, bytes and stamps in the
 # copy, and capinfos every figure that info and convert print (stamps as libpcap hands them over).
@@ -121,6 +144,20 @@ for words in "replay $eth --count 0" "info --bogus" "--bogus info $eth" bogus "c
     check "lyrcap ${words//$dir\//} is a usage error" test "$(status "$lyrcap" $words)" = 2
 done
 check "convert to a missing directory fails" test "$(status "$lyrcap" convert "$eth" "$dir/no/such.pcap")" = 1
+# Numbers are digits, and one decimal point where fractions are allowed: nothing else.
+for number in " -1" "+5" "-0" "5 " "0x10" "1e3" "" "2..5" "." "inf"; do
+    check "replay --count '$number' is a usage error" test "$(status "$lyrcap" replay "$eth" --count "$number")" = 2
+    check "capture --seconds '$number' is a usage error" test "$(status "$lyrcap" capture lo --seconds "$number")" = 2
+done
+check "numbers are decimal, leading zeros and all" test "$("$lyrcap" replay "$eth" --count 010 2>/dev/null | wc -l)" = 10
+# Output is never written through a link: a symbolic link planted at the name is left, with its
+# target, and so is a file of two names (a hard link), each with the reason.
+echo "untouched" >"$dir/target"
+ln -s "$dir/target" "$dir/symlink.pcap"
+ln "$dir/target" "$dir/hardlink.pcap"
+fails "convert onto a symbolic link" "cannot write $dir/symlink.pcap: it is a symbolic link" convert "$eth" "$dir/symlink.pcap"
+fails "convert onto a hard link" "cannot write $dir/hardlink.pcap: the file has 2 names" convert "$eth" "$dir/hardlink.pcap"
+check "both leave the target as it was" test "$(cat "$dir/target")/$(readlink "$dir/symlink.pcap")" = "untouched/$dir/target"
 
 # The command line as people type it: options in both forms, repeated (the last counts), before
 # and after the file, and given last without their value.

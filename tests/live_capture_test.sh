@@ -42,7 +42,35 @@ frames() {
     tcpdump -r "$1" -xx -nn 2>/dev/null |
         awk '/^[^ \t]/ { if (f != "") print f; f = ""; next } { for (i = 2; i <= NF; i++) f = f $i } END { if (f != "") print f }'
 }
-capture_thread() { grep -qx LYR-PcapInIf /proc/"$pid"/task/*/comm 2>/dev/null; }
+has_thread() { grep -qx "$1" /proc/"$pid"/task/*/comm 2>/dev/null; } # by its name
+capture_thread() { has_thread LYR-PcapInIf; }
+# Who every thread of the run is and what it may, one line each: user and group ids (real,
+# effective, saved, file system), supplementary groups, inheritable, permitted, effective,
+# bounding and ambient capabilities, no-new-privileges. Capabilities belong to threads.
+credentials() {
+    local task
+    for task in /proc/"$pid"/task/*; do
+        awk '/^(Uid|Gid|Groups|CapInh|CapPrm|CapEff|CapBnd|CapAmb|NoNewPrivs):/ {
+                 key = $1; $1 = ""; gsub(/^ +| +$/, ""); gsub(/ +/, ","); line = line key $0 " " }
+             END { print line }' "$task/status"
+    done
+}
+# The line of a thread that runs as that user, with those groups, and keeps the capabilities
+# given (a mask), none to regain: the capabilities by number, CAP_DAC_OVERRIDE 1, CAP_NET_RAW
+# 13, CAP_SYS_NICE 23.
+DAC_OVERRIDE=$((1 << 1)) NET_RAW=$((1 << 13)) SYS_NICE=$((1 << 23))
+expected_credentials() { # uid gid groups capabilities
+    printf 'Uid:%s,%s,%s,%s Gid:%s,%s,%s,%s Groups:%s CapInh:%016x CapPrm:%016x CapEff:%016x CapBnd:%016x CapAmb:%016x NoNewPrivs:1 \n' \
+        "$1" "$1" "$1" "$1" "$2" "$2" "$2" "$2" "$3" 0 "$4" "$4" 0 0
+}
+nogroup=$(id -g nobody 2>/dev/null)
+same_credentials() { # the arguments of expected_credentials; says what differs
+    local seen
+    seen=$(credentials)
+    [ "$(sort -u <<<"$seen")" = "$(expected_credentials "$@")" ] && [ "$(wc -l <<<"$seen")" -ge 2 ] && return
+    printf 'threads seen:\n%s\nexpected of each:\n%s' "$seen" "$(expected_credentials "$@")"
+    return 1
+}
 # Scheduling policy and realtime priority of the running capture's threads ("1 10": FIFO at 10),
 # the capture thread's first, then the main thread's.
 policies() {
@@ -82,6 +110,8 @@ else
     check "the capture thread runs at realtime priority 10, the main thread gave it up" \
         test "$(policies | tr '\n' ' ')" = "1 10 0 0 "
 fi
+check "a root capture keeps, on every thread, only CAP_NET_RAW, CAP_SYS_NICE and CAP_DAC_OVERRIDE, none to regain" \
+    same_credentials 0 0 "" $((NET_RAW | SYS_NICE | DAC_OVERRIDE))
 await send grep -q "^[1-9][0-9]* frames, " "$dir/err" # traffic until the status line counts some
 kill -INT "$pid"; wait "$pid"; check "Ctrl-C exits 130" test $? = 130; pid=
 tcpdump -r "$dir/interrupted.pcap" >/dev/null 2>"$dir/tcpdump.err"
@@ -116,7 +146,7 @@ start_capture -w "$dir/ring.pcap" --file-size 1 --files 2
 "$lyrcap" send "$dir/ring-traffic.pcap" lyrveth1 --timeout 18446744073709551615 >/dev/null 2>&1
 # Until the last frame (3999) is in the files: traffic after a pause writes out what waits.
 await send eval 'test "$(sequence 500 "$dir"/ring_0000[23].pcap | tail -1)" = 00000f9f'
-kill -INT "$pid"; wait "$pid"; pid=
+kill -HUP "$pid"; wait "$pid"; check "SIGHUP ends a capture as Ctrl-C does" test $? = 130; pid=
 check "the ring keeps the newest two files, and the summary lists them" \
     grep -q ", recorded to $dir/ring_00002.pcap, $dir/ring_00003.pcap (the 1 older files of the ring removed)$" "$dir/err"
 check "the oldest file is gone" test ! -e "$dir/ring_00001.pcap" -a ! -e "$dir/ring.pcap"
@@ -125,6 +155,53 @@ check "a file holds at most a megabyte, and is full before the next starts" \
 first=$((16#$(sequence 500 "$dir/ring_00002.pcap" | head -1)))
 check "the frames run on from file to file, each once" \
     test "$(sequence 500 "$dir"/ring_0000[23].pcap | tr '\n' ' ')" = "$(for n in $(seq $first 3999); do printf '%08x ' $n; done)"
+# A link planted at the name of the ring's next file: the capture stops there, the link's target
+# untouched, and says why.
+echo "untouched" >"$dir/victim"
+ln -s "$dir/victim" "$dir/planted_00002.pcap"
+start_capture -w "$dir/planted.pcap" --file-size 1
+"$lyrcap" send "$dir/ring-traffic.pcap" lyrveth1 --timeout 18446744073709551615 >/dev/null 2>&1 &
+wait "$pid"; check "a capture whose next file is a symbolic link exits 1" test $? = 1; pid=
+check "and names the link" grep -q "^lyrcap capture: cannot write $dir/planted_00002.pcap: it is a symbolic link" "$dir/err"
+check "whose target it left alone" test "$(cat "$dir/victim")" = untouched
+wait
+# --user: the whole run is nobody's, every thread keeping CAP_NET_RAW and, for its realtime
+# priority, CAP_SYS_NICE; its file is nobody's, and a device that goes away and comes back is
+# opened again.
+chmod 755 "$dir" && mkdir -m 755 "$dir/nobodys" && chown nobody "$dir/nobodys"
+start_capture -Z nobody -w "$dir/nobodys/user.pcap"
+check "capture --user nobody runs every thread as nobody, with CAP_NET_RAW and CAP_SYS_NICE alone" \
+    same_credentials 65534 "$nogroup" "$nogroup" $((NET_RAW | SYS_NICE))
+ip link del lyrveth0
+ip link add lyrveth0 type veth peer name lyrveth1 && sysctl -qw net.ipv6.conf.lyrveth0.disable_ipv6=1 net.ipv6.conf.lyrveth1.disable_ipv6=1
+ip link set lyrveth0 up && ip link set lyrveth1 up
+# The capture opens the device again within a second or so; frames sent before that are not seen.
+for _ in $(seq 60); do
+    "$lyrcap" send "$dir/paused.pcap" lyrveth1 --timeout 18446744073709551615 >/dev/null 2>&1
+    recorded 300 "$dir/nobodys/user.pcap" 5 && break
+done
+check "and takes up a device that came back" recorded 300 "$dir/nobodys/user.pcap" 5
+kill -INT "$pid"; wait "$pid"; pid=
+check "its file belongs to nobody" test "$(stat -c %U:%G "$dir/nobodys/user.pcap")" = "nobody:$(id -gn nobody)"
+# A user who may not capture is told at once why, and what to do, instead of a capture that
+# retries for ever and ends with 0 frames.
+setpriv --reuid=nobody --regid="$nogroup" --clear-groups "$lyrcap" capture lyrveth0 --seconds 20 >"$dir/out" 2>"$dir/err"
+check "a capture without the permission exits 1" test $? = 1
+check "with the system's reason and the remedy" \
+    test "$(grep -c "cannot open lyrveth0: .*Operation not permitted\|CAP_NET_RAW: run lyrcap as root" "$dir/err")" = 2
+# A reader of the status lines that goes away (capture 2>&1 | head -1) costs the capture nothing:
+# frames sent after it went are recorded, and the capture ends as asked, not by SIGPIPE.
+mkfifo "$dir/status"
+"$lyrcap" capture lyrveth0 --seconds 5 -w "$dir/unread.pcap" 2>"$dir/status" & pid=$!
+exec 3<"$dir/status"
+for _ in $(seq 300); do # the first status line
+    read -r -t 1 line <&3 && [[ $line == *frames/s* ]] && break
+    tcpreplay -q -i lyrveth1 "$dir/traffic.pcap" >/dev/null 2>&1
+done
+exec 3<&-
+"$lyrcap" send "$dir/paused.pcap" lyrveth1 --timeout 18446744073709551615 >/dev/null 2>&1
+wait "$pid"; check "a capture whose status reader went away ends as asked" test $? = 0; pid=
+check "with the frames sent after it went" test "$(sequence 300 "$dir/unread.pcap" | wc -l)" = 5
 # A full file system: the capture stops, says why and what reached the file, which stays whole.
 mkdir "$dir/full"
 if mount -t tmpfs -o size=1500k tmpfs "$dir/full" 2>"$dir/mount.err"; then
@@ -167,6 +244,20 @@ check "send --spin sends a paced file whole and in order" \
 check "and its thread spins through the gaps" test "$(grep -c "spinning through the gaps" "$dir/out")/$(spun)" = 1/most
 "$lyrcap" send "$dir/paced.pcap" lyrveth1 --timeout 18446744073709551615 >"$dir/out" 2>"$dir/send.err"
 check "without --spin it sleeps through them" test "$(grep -c "spinning" "$dir/out")/$(spun)" = 0/little
+# --user: the scheduler's thread is nobody's too, with the same narrow set; a root run keeps
+# CAP_DAC_OVERRIDE beside it.
+for user in nobody ""; do
+    "$lyrcap" send "$dir/paced.pcap" lyrveth1 --timeout 18446744073709551615 ${user:+--user $user} >"$dir/out" 2>"$dir/err" & pid=$!
+    await "" has_thread LYR-Scheduler
+    if [ -n "$user" ]; then
+        check "send --user nobody runs every thread as nobody" same_credentials 65534 "$nogroup" "$nogroup" $((NET_RAW | SYS_NICE))
+    else
+        check "a root send keeps, on every thread, only CAP_NET_RAW, CAP_SYS_NICE and CAP_DAC_OVERRIDE" \
+            same_credentials 0 0 "" $((NET_RAW | SYS_NICE | DAC_OVERRIDE))
+    fi
+    wait "$pid"; pid=
+    check "send ${user:+--user $user }sends every frame" grep -q "^frames sent: 200$" "$dir/out"
+done
 if setpriv --inh-caps -sys_nice --bounding-set -sys_nice true 2>/dev/null; then
     setpriv --inh-caps -sys_nice --bounding-set -sys_nice "$lyrcap" send "$dir/traffic.pcap" lyrveth1 --priority 20 \
         --topspeed >"$dir/out" 2>"$dir/err"
