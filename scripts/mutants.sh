@@ -28,17 +28,42 @@ rsync --recursive --links --perms --checksum --delete --exclude '/build*' --excl
 # too (packaging/test-packages.sh), since only they show what their own rules get wrong.
 build_and_test() { # log, then "packages" or nothing
     { cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLYR_BUILD_BENCHMARKS=OFF &&
-      cmake --build "$build" &&
-      ctest --test-dir "$build" --no-tests=error -j2 --timeout 180 --stop-on-failure \
-            --repeat until-pass:3 --output-on-failure &&
-      { [ "${2:-}" != packages ] || "$src/packaging/test-packages.sh"; }; } >"$1" 2>&1
+      cmake --build "$build"; } >"$1" 2>&1 &&
+      run_tests "$1" &&
+      { [ "${2:-}" != packages ] || "$src/packaging/test-packages.sh" >>"$1" 2>&1; }
 }
 
-# The first test that failed (without the dump of its parameter), the first package check that
-# failed, or "build failed".
+# The suite, ended as soon as its verdict is known: once a test has failed three times, or has
+# timed out once (a test that runs three minutes under a fault has hung, and its other tries,
+# or the tests still running beside it, would only cost minutes more).
+run_tests() { # log
+    setsid ctest --test-dir "$build" --no-tests=error -j2 --timeout 180 --stop-on-failure \
+        --repeat until-pass:3 --output-on-failure >>"$1" 2>&1 &
+    local pid=$!
+    while kill -0 "$pid" 2>/dev/null; do
+        if verdict_known "$1"; then
+            kill -TERM -- -"$pid" 2>/dev/null
+            wait "$pid"
+            return 1
+        fi
+        sleep 1
+    done
+    wait "$pid"
+}
+# The test that decided the verdict, when it is known: failed three times, or timed out.
+decided_by() { # log
+    awk 'match($0, /Test +#[0-9]+: [^ ]+ [.]*\*\*\*/) {
+             test = substr($0, RSTART, RLENGTH); sub(/^Test +#[0-9]+: /, "", test); sub(/ [.]*\*\*\*$/, "", test)
+             if ($0 ~ /\*\*\*Timeout/ || ++failures[test] == 3) { print test; exit }
+         }' "$1"
+}
+verdict_known() { [ -n "$(decided_by "$1")" ]; } # log
+
+# The test that failed, the first package check that failed, or "build failed".
 what_failed() {
     local test
-    test=$(sed -n '/^The following tests FAILED:/,$ s/^[[:space:]]*[0-9][0-9]* - \([^ ]*\).* (.*)$/\1/p' "$1" | head -1)
+    test=$(decided_by "$1")
+    [ -n "$test" ] || test=$(sed -n 's/^.*Test *#[0-9]*: \([^ ]*\) [.]*\*\*\*.*/\1/p' "$1" | head -1)
     [ -n "$test" ] || test=$(sed -n 's/^FAILED: \(.*\)/packages: \1/p' "$1" | head -1)
     if [ -n "$test" ]; then echo "$test"; else echo "build failed"; fi
 }
