@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Devices.h"
 #include "Host.h"
 #include "Privileges.h"
 #include "Recorder.h"
@@ -34,8 +35,10 @@ Captures the traffic of a network device through the live back-end, as the frame
 the back-end's own thread opens the device (promiscuous, snap length 9022) and hands every
 complete frame over; a device that goes away is opened again once a second until it is back.
 A status line on standard error shows frames, bytes and drops (the back-end's counters, which
-start again from 0 at every open) and the frame rate; a summary follows at the end.
-The tool only listens: it never sends.
+start again from 0 at every open), the frames refused as larger than 9022 bytes, and the
+frame rate; a summary follows at the end, and says why frames were that large (a device that
+merges packets, or an MTU that lets them in) and how to stop it. A device whose frames are
+not Ethernet frames ("any" among them) is refused. The tool only listens: it never sends.
 
 Options:
   --host A      keep only traffic to IPv4 address A ("dst host A")
@@ -47,7 +50,7 @@ Options:
                 kill or a power cut loses at most a quarter of a second of frames. Should
                 writing fail (a full disk), the capture stops within about a second, says why
                 and how many frames were lost, and exits 1; the file stays readable up to its
-                last whole frame
+                last whole frame. A FILE that ends in .pcapng is refused: it is no pcapng file
   --file-size MB
                 record into a ring of files instead, each a complete capture of at most MB
                 megabytes (10^6 bytes), named with a number before the extension
@@ -100,11 +103,12 @@ struct Tally {
 
 // False once the line could not be written: its reader has gone, and the capture goes on
 // without status lines.
-bool PrintStatus(const NetInputCounters& counters, double rate, bool bTerminal)
+bool PrintStatus(const NetInputCounters& counters, std::uint64_t refused, double rate, bool bTerminal)
 {
-    return std::fprintf(stderr, "%s%llu frames, %s, %llu dropped, %.0f frames/s%s", bTerminal ? "\r" : "",
+    return std::fprintf(stderr, "%s%llu frames, %s, %llu dropped, %llu refused, %.0f frames/s%s", bTerminal ? "\r" : "",
                         counters.frameCount, FormatBytes(static_cast<double>(counters.byteCount)).c_str(),
-                        counters.dropCount, rate, bTerminal ? "   " : "\n") >= 0;
+                        counters.dropCount, static_cast<unsigned long long>(refused), rate,
+                        bTerminal ? "   " : "\n") >= 0;
 }
 
 } // namespace
@@ -133,6 +137,8 @@ int RunCapture(const std::vector<std::string>& args)
         return UsageError("capture", "--file-size and --files need -w FILE");
     if (line.Has("--files") && !line.Has("--file-size"))
         return UsageError("capture", "--files needs --file-size");
+    if (line.Has("-w") && !Recorder::RefuseName(line.Value("-w")).empty())
+        return UsageError("capture", Recorder::RefuseName(line.Value("-w")));
     Kt::CIpAddress host = Kt::CIpAddress::MinIpAddress;
     if (line.Has("--host") && !Kt::CIpAddress::Parse(line.Value("--host"), host))
         return UsageError("capture", "--host takes an IPv4 address, not '" + line.Value("--host") + "'");
@@ -140,7 +146,7 @@ int RunCapture(const std::vector<std::string>& args)
     if (line.Has("--user") && !UserExists(privileges.user))
         return UsageError("capture", "--user: no user '" + privileges.user + "'");
     const std::string device = line.Positional()[0];
-    if (!BeginRun(privileges, "capture") || !MayOpenDevice(device, "capture"))
+    if (!BeginRun(privileges, "capture") || !MayOpenDevice(device, "capture", true))
         return ExitFailure;
 
     LogWatch log;
@@ -193,7 +199,7 @@ int RunCapture(const std::vector<std::string>& args)
             const unsigned long long delta =
                 counters.frameCount >= last.frameCount ? counters.frameCount - last.frameCount : counters.frameCount;
             if (bShowStatus)
-                bShowStatus = PrintStatus(counters, delta / span, bTerminal);
+                bShowStatus = PrintStatus(counters, log.RefusedPackets(), delta / span, bTerminal);
             last = counters;
             lastStatus = now;
         }
@@ -210,8 +216,15 @@ int RunCapture(const std::vector<std::string>& args)
         files += (files.empty() ? ", recorded to " : ", ") + name;
     if (recorder && recorder->Removed() != 0)
         files += " (the " + std::to_string(recorder->Removed()) + " older files of the ring removed)";
-    std::fprintf(stderr, "%llu frames, %llu bytes captured in %.1f s, %llu dropped%s\n", tally.frames.load(),
-                 tally.bytes.load(), elapsed, counters.dropCount, files.c_str());
+    const std::uint64_t refused = log.RefusedPackets();
+    std::fprintf(stderr, "%llu frames, %llu bytes captured in %.1f s, %llu dropped, %llu refused%s\n",
+                 tally.frames.load(), tally.bytes.load(), elapsed, counters.dropCount,
+                 static_cast<unsigned long long>(refused), files.c_str());
+    // The live handle takes at most 9022 bytes of a packet, so a packet refused as incomplete was
+    // larger than that: the device hands over what no Ethernet wire carried, or lets jumbo frames in.
+    if (refused != 0)
+        std::fprintf(stderr, "lyrcap capture: %llu frames were larger than 9022 bytes and were refused: %s\n",
+                     static_cast<unsigned long long>(refused), WhyFramesAreLarge(device).c_str());
     if (!bRecorded)
         return ExitFailure;
     return Interrupted() ? ExitInterrupted : ExitOk;

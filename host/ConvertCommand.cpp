@@ -19,8 +19,12 @@ the back-end's own recording: an Ethernet capture (link type 1, snap length 9022
 classic microsecond format. A capture of bare IP packets ("RAW") comes out as Ethernet
 frames, with group addresses for multicast destinations and EtherType IPv4; a capture of
 frames comes out with the same packets, bytes and time stamps to the microsecond.
-Nanosecond and pcapng captures are read too. Packets that are not complete frames are
-refused with a message and left out. OUT is replaced if it exists.
+Nanosecond and pcapng captures are read too; how many stamps lost their nanoseconds is said.
+Packets that are not complete frames are refused with a message and left out. A file of any
+other link type is refused (exit status 1, nothing written): its packets are no Ethernet
+frames. A damaged IN is converted up to the damage, which is said, and OUT keeps every whole
+record before it (exit status 3). OUT is replaced if it exists; a name that ends in .pcapng
+is refused, since OUT is no pcapng file.
 
 Options:
   --from MS   seek MS milliseconds after the first packet before recording. The seek
@@ -56,12 +60,22 @@ int RunConvert(const std::vector<std::string>& args)
     // Recording truncates OUT before the first frame is read from IN.
     if (SameFile(in, out))
         return UsageError("convert", "the output would overwrite the input");
+    if (!Recorder::RefuseName(out).empty())
+        return UsageError("convert", Recorder::RefuseName(out));
     if (!BeginRun({}, "convert"))
         return ExitFailure;
 
     FrameReader reader;
     if (!reader.OpenRange(in, range, "convert", true))
         return ExitFailure;
+    if (!reader.HoldsFrames()) {
+        std::fprintf(stderr,
+                     "lyrcap convert: %s holds packets of link type %s, not Ethernet frames or bare IP packets: "
+                     "written into a capture of Ethernet frames they would pass for what they are not; nothing "
+                     "written\n",
+                     in.c_str(), reader.LinkTypeText().c_str());
+        return ExitFailure;
+    }
     Recorder recording(out, {}, "convert");
     if (!recording.Open())
         return ExitFailure;
@@ -83,6 +97,12 @@ int RunConvert(const std::vector<std::string>& args)
     bWritten = recording.Close() && bWritten; // the file is complete once closed
     if (!bWritten)
         return ExitFailure;
+    const bool bWhole = reader.EndedWhole("convert");
+    if (const std::uint64_t fine = reader.MayHoldFineStamps() ? reader.Walk().fineStamps : 0)
+        std::fprintf(stderr,
+                     "lyrcap convert: %llu frames had time stamps finer than a microsecond: %s keeps them to the "
+                     "microsecond, as the classic format that it is written in counts\n",
+                     static_cast<unsigned long long>(fine), out.c_str());
     const long long span = StampMeaning(last) - StampMeaning(first);
     const unsigned long long duration = span > 0 ? static_cast<unsigned long long>(span) / 1000 : 0;
     if (changedStamps != 0)
@@ -90,8 +110,13 @@ int RunConvert(const std::vector<std::string>& args)
                      "lyrcap convert: warning: %llu frames have time stamps that the recording cannot keep (before "
                      "1970, or from 2038-01-19 03:14:08 UTC on); their stamps in %s differ\n",
                      changedStamps, out.c_str());
-    std::fprintf(stderr, "%llu frames, %llu bytes, %llu ms, %llu refused%s\n", frames, static_cast<unsigned long long>(recording.Bytes()), duration,
+    std::fprintf(stderr, "%llu frames, %llu bytes, %llu ms, %llu refused%s\n", frames,
+                 static_cast<unsigned long long>(recording.Bytes()), duration,
                  static_cast<unsigned long long>(reader.Refused()),
-                 Interrupted() ? " (stopped by Ctrl-C: the output holds the frames so far)" : "");
-    return Interrupted() ? ExitInterrupted : ExitOk;
+                 Interrupted() ? " (stopped by Ctrl-C: the output holds the frames so far)"
+                 : bWhole      ? ""
+                               : " (the input is damaged: the output holds the frames before the damage)");
+    if (Interrupted())
+        return ExitInterrupted;
+    return bWhole ? ExitOk : ExitDamaged;
 }

@@ -7,8 +7,11 @@
 #include <lyr/EthFrame.h>
 #include <lyr/NetFile.h>
 
+#include "RecordWalk.h"
+
 #include <atomic>
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <string>
 
@@ -44,8 +47,28 @@ public:
     // `command`.
     bool OpenRange(const std::string& path, const FrameRange& range, const char* command, bool bShowReading);
 
-    // The next frame, skipping packets that the back-end refuses; null at the end of the file.
+    // The next frame, skipping packets that the back-end refuses; null at the end of the file,
+    // or where libpcap could read no further (EndedWhole tells which).
     const Lyr::EthFrame* Next();
+
+    // Once Next has given null: whether the file ended where its records end. Where libpcap
+    // stopped at damage instead, says where and why, and how many frames came before, in the
+    // name of `command`, and gives false. Checked at the first end only: a later pass over the
+    // same file (send --loop) meets the same damage and says nothing more.
+    bool EndedWhole(const char* command);
+    // The file's records as the host walked them (RecordWalk.h), counting fine stamps among
+    // those the back-end has passed so far; walked once, when first asked or at the end.
+    const RecordWalk& Walk();
+    // Whether the file's stamps may be finer than microseconds (nanosecond or pcapng files).
+    bool MayHoldFineStamps() const;
+
+    // Whether the file holds Ethernet frames, or bare IP packets that the back-end makes into
+    // frames: other link types it reads as frames all the same.
+    bool HoldsFrames() const;
+    // Says so, in the name of `command`, when the file does not hold frames.
+    void SayIfNotFrames(const char* command) const;
+    // "EN10MB (Ethernet, 1)", as libpcap names the file's link type.
+    std::string LinkTypeText() const;
 
     Lyr::NetFile& File() { return *file; }
     std::uint64_t Refused() const { return watch.RefusedPackets(); }
@@ -57,6 +80,16 @@ private:
     std::atomic<std::uint64_t> bytesRead{0}; // frames and their record headers, as the monitor shows them
     std::unique_ptr<Lyr::NetFile> file;
     std::string path;
+    std::uint32_t magic = 0;         // the file's first four bytes, as they lie
+    int linkType = -1;               // libpcap's, or -1 where it cannot tell
+    std::uint64_t recordsPassed = 0; // frames and refused packets, from the start of the file
+    std::uint64_t framesPassed = 0;
+    bool bSeeked = false;            // reading began after a seek: where is not known in records
+    bool bAtEnd = false;
+    bool bEndChecked = false;
+    bool bWalked = false;
+    RecordWalk walk;
+    std::future<RecordWalk> earlyWalk; // begun at Open, for pcapng files
     Lyr::BufferPool pool{1, 9036};
     Lyr::EthFrame frame{pool.GetBuffer(), 0};
 };

@@ -188,18 +188,20 @@ bool Interrupted()
 LogWatch::LogWatch()
 {
     Kt::SetLogSink([this](const std::string& text) {
-        if (text.find("Invalid packet size") != std::string::npos)
-            ++refused;
         if (text.rfind("Failed to open port for transmitting", 0) == 0)
             ++portFailures;
-        if (text == "Failed to transmit data.") {
-            // One line per lost frame would bury the summary; the count tells the rest.
-            if (++transmitFailures > 10)
-                return;
-        }
+        // One line per refused packet or lost frame (a device that merges packets refuses
+        // thousands a second) would bury everything else; the summaries count them all.
+        const bool bRefused = text.find("Invalid packet size") != std::string::npos;
+        const bool bLost = text == "Failed to transmit data.";
+        const std::uint64_t repeated = bRefused ? ++refused : bLost ? ++transmitFailures : 0;
+        if (repeated > RepeatsShown)
+            return;
         std::string line = text;
         if (line.empty() || line.back() != '\n')
             line += '\n';
+        if (repeated == RepeatsShown)
+            line += "(more lines like this are counted, not shown)\n";
         std::fputs(line.c_str(), stderr);
     });
 }

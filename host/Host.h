@@ -11,7 +11,9 @@
 
 // Services that every command of the host tool shares.
 
-enum ExitStatus { ExitOk = 0, ExitFailure = 1, ExitUsage = 2, ExitInterrupted = 130 };
+// ExitDamaged: the input was damaged or cut short; what came before the damage was read (and
+// written), and the damage was said.
+enum ExitStatus { ExitOk = 0, ExitFailure = 1, ExitUsage = 2, ExitDamaged = 3, ExitInterrupted = 130 };
 
 struct RunPrivileges;
 
@@ -56,6 +58,7 @@ public:
     std::uint64_t TransmitFailures() const { return transmitFailures; }
 
 private:
+    static constexpr std::uint64_t RepeatsShown = 10;
     std::atomic<std::uint64_t> refused{0};
     std::atomic<std::uint64_t> portFailures{0};
     std::atomic<std::uint64_t> transmitFailures{0};

@@ -4,8 +4,6 @@
 #include "FrameReader.h"
 #include "TimeStamps.h"
 
-#include <pcap/pcap.h>
-
 #include <cstdio>
 #include <iostream>
 
@@ -15,26 +13,12 @@ const char* const Help = R"(Usage: lyrcap info [FILE]
 
 Shows what a capture file holds: link type, packets, bytes, duration, first and last time.
 The file is read once, frame by frame through the back-end; the duration is the time from
-the first packet to the last, in whole milliseconds, as the back-end's scan gives it (the
-scan itself runs as a second pass only where packets were refused or time went backwards).
+the file's first packet to its last, in whole milliseconds (0 where time goes backwards).
 A long read shows its progress, and Ctrl-C stops it and reports what was read so far.
+A file of another link type than Ethernet or bare IP is said to be one; a damaged file is
+read up to the damage, which is said with its place and libpcap's reason (exit status 3).
 Without FILE, the shipped Ethernet sample is used.
 )";
-
-// The back-end does not expose the link type; libpcap tells it from the file header.
-std::string LinkTypeOf(const std::string& path)
-{
-    char errbuf[PCAP_ERRBUF_SIZE];
-    pcap_t* handle = pcap_open_offline(path.c_str(), errbuf);
-    if (!handle)
-        return "unknown";
-    const int type = pcap_datalink(handle);
-    pcap_close(handle);
-    const char* name = pcap_datalink_val_to_name(type);
-    const char* description = pcap_datalink_val_to_description(type);
-    return std::string(name ? name : "?") + " (" + (description ? description : "?") + ", " +
-           std::to_string(type) + ")";
-}
 
 } // namespace
 
@@ -58,6 +42,7 @@ int RunInfo(const std::vector<std::string>& args)
         std::cerr << "lyrcap info: cannot read " << path << "\n";
         return ExitFailure;
     }
+    reader.SayIfNotFrames("info");
     unsigned long long packets = 0, bytes = 0, first = 0, last = 0;
     while (const Lyr::EthFrame* frame = reader.Next()) {
         if (packets == 0)
@@ -68,18 +53,15 @@ int RunInfo(const std::vector<std::string>& args)
         if (Interrupted())
             break;
     }
-    // The back-end's duration spans the file's first and last packets, which are the first and
-    // last frames read unless one of them was refused; the stamps are microseconds in two's
-    // complement, so a span that goes backwards is negative as a signed number.
-    const long long span = static_cast<long long>(last - first);
-    unsigned long long duration = span > 0 ? static_cast<unsigned long long>(span) / 1000 : 0;
-    if (!Interrupted() && (reader.Refused() != 0 || span < 0)) {
-        FrameReader scan;
-        if (scan.Open(path, true, false))
-            duration = scan.File().GetDuration();
-    }
+    const bool bWhole = reader.EndedWhole("info");
+    // From the file's first packet to its last: the first and last frames read, unless packets
+    // were refused, when the host's walk over the records knows them.
+    long long span = StampMeaning(last) - StampMeaning(first);
+    if (reader.Refused() != 0 && bWhole && !Interrupted() && reader.Walk().bKnownFormat && reader.Walk().packets != 0)
+        span = reader.Walk().lastUs - reader.Walk().firstUs;
+    const unsigned long long duration = span > 0 ? static_cast<unsigned long long>(span) / 1000 : 0;
     std::printf("file:           %s\n", path.c_str());
-    std::printf("link type:      %s\n", LinkTypeOf(path).c_str());
+    std::printf("link type:      %s\n", reader.LinkTypeText().c_str());
     std::printf("packets:        %llu%s\n", packets, Interrupted() ? " (stopped by Ctrl-C: the figures are partial)" : "");
     if (reader.Refused() != 0)
         std::printf("refused:        %llu (not complete frames)\n", static_cast<unsigned long long>(reader.Refused()));
@@ -91,5 +73,7 @@ int RunInfo(const std::vector<std::string>& args)
     }
     if (!StandardOutputWritten("info"))
         return ExitFailure;
-    return Interrupted() ? ExitInterrupted : ExitOk;
+    if (Interrupted())
+        return ExitInterrupted;
+    return bWhole ? ExitOk : ExitDamaged;
 }

@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Devices.h"
 #include "Privileges.h"
 #include "Host.h"
 
@@ -16,16 +17,19 @@ namespace {
 const char* const Help = R"(Usage: lyrcap list-devices
 
 Lists the network devices that libpcap finds, with their state and IPv4 addresses. These
-are the names that 'lyrcap capture' and the live back-end's Configure accept.
+are the names that the live back-end's Configure accepts; 'lyrcap capture' takes those that
+deliver Ethernet frames, and refuses those marked "not Ethernet" ("any" among them).
 )";
 
-std::string StateOf(bpf_u_int32 flags)
+std::string StateOf(const pcap_if_t& device)
 {
-    std::string state = flags & PCAP_IF_UP ? "up" : "down";
-    if (flags & PCAP_IF_RUNNING)
+    std::string state = device.flags & PCAP_IF_UP ? "up" : "down";
+    if (device.flags & PCAP_IF_RUNNING)
         state += ", running";
-    if (flags & PCAP_IF_LOOPBACK)
+    if (device.flags & PCAP_IF_LOOPBACK)
         state += ", loopback";
+    if (!DeliversEthernetFrames(device.name))
+        state += ", not Ethernet";
     return state;
 }
 
@@ -66,7 +70,7 @@ int RunListDevices(const std::vector<std::string>& args)
         return ExitFailure;
     }
     for (const pcap_if_t* device = devices; device; device = device->next) {
-        std::cout << device->name << "  (" << StateOf(device->flags) << ")";
+        std::cout << device->name << "  (" << StateOf(*device) << ")";
         const std::string addresses = Ipv4AddressesOf(*device);
         if (!addresses.empty())
             std::cout << "  " << addresses;

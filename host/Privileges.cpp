@@ -1,7 +1,5 @@
 #include "Privileges.h"
 
-#include <pcap/pcap.h>
-
 #include <grp.h>
 #include <pwd.h>
 #include <sys/auxv.h>
@@ -227,27 +225,4 @@ bool IsTrustedPlugin(const std::string& path, const std::string& installedFolder
             break;
     }
     return true;
-}
-
-bool MayOpenDevice(const std::string& device, const std::string& command)
-{
-    char errbuf[PCAP_ERRBUF_SIZE] = "";
-    pcap_t* handle = pcap_create(device.c_str(), errbuf);
-    if (!handle)
-        return true;
-    const bool bDenied = pcap_activate(handle) == PCAP_ERROR_PERM_DENIED;
-    const std::string reason = pcap_geterr(handle);
-    pcap_close(handle);
-    if (!bDenied)
-        return true;
-    char program[4096] = "lyrcap";
-    const ssize_t length = readlink("/proc/self/exe", program, sizeof program - 1);
-    program[length > 0 ? length : 6] = '\0';
-    std::fprintf(stderr,
-                 "lyrcap %s: cannot open %s: %s\n"
-                 "lyrcap %s: opening a device needs the capability CAP_NET_RAW: run lyrcap as root (with --user USER "
-                 "to give root up for the run), or give lyrcap that capability: setcap cap_net_raw+ep %s (see "
-                 "'man lyrcap')\n",
-                 command.c_str(), device.c_str(), reason.c_str(), command.c_str(), program);
-    return false;
 }

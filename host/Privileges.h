@@ -28,8 +28,3 @@ bool GiveUpPrivileges(const RunPrivileges& run, const std::string& command);
 // Whether a privileged process may load `path` as a plug-in: a file in `installedFolder`, or a
 // file that only root can write in folders that only root can write. When not, `why` says so.
 bool IsTrustedPlugin(const std::string& path, const std::string& installedFolder, std::string& why);
-
-// Whether this run may open `device` for capture or transmission. libpcap's reason otherwise,
-// with what to do, goes to standard error in the name of `command`. Other failures (a device
-// that is down or gone) pass: the back-ends wait for such a device and say so themselves.
-bool MayOpenDevice(const std::string& device, const std::string& command);

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -195,6 +196,15 @@ Recorder::Recorder(std::string recordingPath, Ring ringSettings, std::string com
 }
 
 Recorder::~Recorder() = default;
+
+std::string Recorder::RefuseName(const std::string& path)
+{
+    const std::string extension = ".pcapng";
+    if (path.size() < extension.size() ||
+        strcasecmp(path.c_str() + path.size() - extension.size(), extension.c_str()) != 0)
+        return "";
+    return path + " names a pcapng file, but the recording is a classic capture file (libpcap format): name it .pcap";
+}
 
 bool Recorder::Open()
 {

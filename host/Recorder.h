@@ -24,6 +24,10 @@ public:
     Recorder(std::string path, Ring ring, std::string command);
     ~Recorder();
 
+    // Why the recording may not be called `path`, or "": a name that ends in .pcapng promises
+    // a format that the back-end does not write (it writes classic capture files).
+    static std::string RefuseName(const std::string& path);
+
     // Creates the first file; false, having said why, when it cannot.
     bool Open();
     // Records a frame; false once frames are known to be lost (then stop and call Close).

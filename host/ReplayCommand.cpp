@@ -16,7 +16,8 @@ time stamp, position in ms after the first packet, length, destination > source 
 address, EtherType. A capture of bare IP packets comes out as Ethernet frames. Packets
 that are not complete frames are refused with a message and skipped. Without FILE, the
 shipped Ethernet sample is used. Nanosecond and pcapng captures are read too; time stamps
-are in microseconds.
+are in microseconds. A file of another link type is replayed as frames all the same, and
+said to be one; a damaged file is replayed up to the damage, which is said (exit status 3).
 
 Options:
   --seek MS   start MS milliseconds after the first packet. The back-end's seek stops at
@@ -59,6 +60,7 @@ int RunReplay(const std::vector<std::string>& args)
     FrameReader reader;
     if (!reader.OpenRange(path, range, "replay", false))
         return ExitFailure;
+    reader.SayIfNotFrames("replay");
     unsigned long long frames = 0, bytes = 0;
     while (frames < range.count && !Interrupted()) {
         const Lyr::EthFrame* frame = reader.Next();
@@ -73,9 +75,12 @@ int RunReplay(const std::vector<std::string>& args)
         bytes += frame->GetData().size;
     }
     const bool bWritten = StandardOutputWritten("replay");
+    const bool bWhole = reader.EndedWhole("replay");
     std::fprintf(stderr, "%llu frames, %llu bytes, %llu refused\n", frames, bytes,
                  static_cast<unsigned long long>(reader.Refused()));
     if (!bWritten)
         return ExitFailure;
-    return Interrupted() ? ExitInterrupted : ExitOk;
+    if (Interrupted())
+        return ExitInterrupted;
+    return bWhole ? ExitOk : ExitDamaged;
 }

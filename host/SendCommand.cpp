@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Devices.h"
 #include "FrameReader.h"
 #include "Host.h"
 #include "Privileges.h"
@@ -52,6 +53,8 @@ Options:
   -Z USER         the same as --user USER
 A root run without --user still gives up every capability but those and the one to
 override file permissions. Ctrl-C, SIGTERM and SIGHUP stop the sending (exit status 130).
+A damaged FILE is sent up to the damage, which is said (exit status 3); a FILE of another
+link type than Ethernet or bare IP is said to be one, and sent as frames all the same.
 )";
 
 // The scheduler's clock runs on frame timestamps. The file's own first timestamp is made the
@@ -171,13 +174,14 @@ template <typename Busy> bool WaitWhile(Busy busy, Tally& tally, const LogWatch&
 
 int Send(const std::string& path, const std::string& device, const Settings& settings)
 {
-    if (!BeginRun(RunPrivileges{settings.user, true, settings.priority > 0}, "send") || !MayOpenDevice(device, "send"))
+    if (!BeginRun(RunPrivileges{settings.user, true, settings.priority > 0}, "send") || !MayOpenDevice(device, "send", false))
         return ExitFailure;
     FrameReader reader;
     if (!reader.Open(path, false, false)) {
         std::cerr << "lyrcap send: cannot read " << path << "\n";
         return ExitFailure;
     }
+    reader.SayIfNotFrames("send");
     // The scheduler's thread, made at its first use, takes the scheduling of the thread that
     // makes it; it wakes on time on a busy machine only at realtime priority.
     StartAtRealtimePriority(static_cast<int>(settings.priority), "the scheduler's thread runs",
@@ -207,6 +211,7 @@ int Send(const std::string& path, const std::string& device, const Settings& set
     std::unique_ptr<Timeline> timeline;
     const auto start = std::chrono::steady_clock::now();
     bool bStopped = false;
+    bool bWhole = true;
     for (std::uint64_t pass = 0; pass < settings.loops && !bStopped; ++pass) {
         if (pass > 0) {
             reader.File().SeekBegin(0);
@@ -232,6 +237,8 @@ int Send(const std::string& path, const std::string& device, const Settings& set
             ++tally.handed;
             tally.bytes += bytes.size;
         }
+        // Said at the end of the first pass, as soon as it is known; the next passes meet it too.
+        bWhole = reader.EndedWhole("send") && bWhole;
     }
     // Every buffer back in the pool: every event has run and ended. Frames already handed over
     // are at most the window ahead, so this wait is short also after Ctrl-C.
@@ -267,7 +274,9 @@ int Send(const std::string& path, const std::string& device, const Settings& set
                 waited.sleptSeconds - waitedBefore.sleptSeconds, waited.spunSeconds - waitedBefore.spunSeconds);
     if (!StandardOutputWritten("send"))
         return ExitFailure;
-    return bStopped ? ExitInterrupted : ExitOk;
+    if (bStopped)
+        return ExitInterrupted;
+    return bWhole ? ExitOk : ExitDamaged;
 }
 
 } // namespace

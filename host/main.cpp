@@ -39,7 +39,8 @@ void PrintUsage(std::ostream& out)
            "                  or a file that only root can write, in folders that only root can write\n"
            "  --help          this text; 'lyrcap COMMAND --help' for a command\n"
            "  --version       the version of lyrcap\n\n"
-           "Exit status: 0 done, 1 failed, 2 usage error, 130 interrupted (Ctrl-C, SIGTERM, SIGHUP).\n";
+           "Exit status: 0 done, 1 failed, 2 usage error, 3 the input was damaged (read up to the damage),\n"
+           "130 interrupted (Ctrl-C, SIGTERM, SIGHUP).\n";
 }
 
 } // namespace

@@ -59,22 +59,28 @@ done
 check "a replay whose reader goes away exits 1" test "${PIPESTATUS[0]}" = 1
 check "and says so, with the frames it wrote" test "$(grep -c "^lyrcap replay: writing standard output failed: Broken pipe$\|^[0-9]* frames, " "$dir/err")" = 2
 # SIGHUP stops a conversion between records: the output holds whole ones, as many as it says.
-# The conversion is held up mid-file by its own messages: 2048 packets that are refused
-# (length 61, 60 bytes captured) between two halves of the long file, with standard error a pipe
-# that nobody reads until the signal has come.
+# The conversion is held up mid-file by its own first message, of 2048 packets that are refused
+# (length 61, 60 bytes captured) between two halves of the long file: its standard error is a
+# pipe that this script has filled, and reads only once the signal has come.
 { printf '\x00\x00\x00\x66\x00\x00\x00\x00\x3c\x00\x00\x00\x3d\x00\x00\x00'; head -c 60 /dev/zero; } >"$dir/refused"
 for _ in $(seq 11); do cat "$dir/refused" "$dir/refused" >"$dir/twice" && mv "$dir/twice" "$dir/refused"; done
 cat "$dir/long.pcap" "$dir/refused" <(tail -c +25 "$dir/long.pcap") >"$dir/held-up.pcap"
-"$lyrcap" convert "$dir/held-up.pcap" "$dir/hup.pcap" >/dev/null 2>"$dir/pipe" & pid=$!
-exec 3<"$dir/pipe"
-read -r _ <&3 # the first refusal: every frame before it is handed over
+mkfifo "$dir/errors"
+exec 4<>"$dir/errors"
+head -c 200000 /dev/zero | tr '\0' '#' | dd of="$dir/errors" bs=1 oflag=nonblock 2>/dev/null
+"$lyrcap" convert "$dir/held-up.pcap" "$dir/hup.pcap" >/dev/null 2>"$dir/errors" & pid=$!
+exec 3<"$dir/errors" 4<&-
+for _ in $(seq 300); do grep -q pipe_write "/proc/$pid/wchan" 2>/dev/null && break; sleep 0.1; done
 kill -HUP "$pid"
-cat <&3 >"$dir/err"
+tr -d '#' <&3 >"$dir/err"
 exec 3<&-
 wait "$pid"
 check "a conversion stopped by SIGHUP exits 130" test $? = 130
 converted=$(sed -n 's/^\([0-9]*\) frames, .*(stopped by Ctrl-C.*/\1/p' "$dir/err")
-check "and sums up what it wrote, which is whole" test -n "$converted" -a "$(tcpdump -r "$dir/hup.pcap" 2>&1 | grep -c "UDP\|truncated")" = "${converted:-x}"
+check "and sums up what it wrote, which is whole and ends mid-file" test -n "$converted" -a \
+    "$(tcpdump -r "$dir/hup.pcap" 2>&1 | grep -c "UDP\|truncated")" = "${converted:-x}" -a "${converted:-40000}" -lt 40000
+check "its refusals are shown ten times, then counted" \
+    test "$("$lyrcap" info "$dir/held-up.pcap" 2>&1 | grep -c "Invalid packet size\|^(more lines like this are counted, not shown)$\|^refused: *2048 ")" = 12
 
 # Conversion and info in every format: tcpdump sees the same packets, bytes and stamps in the
 # copy, and capinfos every figure that info and convert print (stamps as libpcap hands them over).
@@ -88,7 +94,10 @@ for source in "$eth" "$dir/long.pcap" "$dir"/corpus/{nano.pcap,pcapng-nano.pcapn
     first=$(usec "$first") last=$(usec "$last")
     check "convert $name exits 0" test "$(status "$lyrcap" convert "$source" "$dir/copy.pcap")" = 0
     check "convert $name sums up what capinfos counts in the copy" \
-        test "$(cat "$dir/err")" = "$packets frames, $bytes bytes, $(((last - first) / 1000)) ms, 0 refused"
+        test "$(tail -1 "$dir/err")" = "$packets frames, $bytes bytes, $(((last - first) / 1000)) ms, 0 refused"
+    fine=$(tshark -r "$source" -T fields -e frame.time_epoch 2>/dev/null | grep -vc '000$')
+    check "convert $name says how many stamps lost their nanoseconds ($fine)" test "$(grep -c . "$dir/err")" = $((1 + (fine != 0))) \
+        -a "$(grep -c "^lyrcap convert: $fine frames had time stamps finer than a microsecond" "$dir/err")" = $((fine != 0))
     check "convert $name keeps packets, bytes and stamps" test -n "$(dump "$source")" -a "$(dump "$source")" = "$(dump "$dir/copy.pcap")"
     check "info $name prints capinfos's figures" test "$("$lyrcap" info "$source" 2>/dev/null | tail -n +3 | tr -s ' ')" = \
         "$(printf 'packets: %s\nbytes: %s (as frames)\nduration: %s ms\nfirst packet: %s\nlast packet: %s' "$packets" "$bytes" \
@@ -98,9 +107,10 @@ for source in "$eth" "$dir/long.pcap" "$dir"/corpus/{nano.pcap,pcapng-nano.pcapn
 done
 
 # info reads a file once, and gives the duration that the back-end's scan gives, which a refused
-# seek names, whatever the file holds.
+# seek names, whatever the file holds (but for stamps on both sides of 2038, below).
 for source in "$dir"/corpus/*; do
     info=$("$lyrcap" info "$source" 2>/dev/null | awk '/^duration:/ {print $2}')
+    [[ $source != *y2038* ]] || continue
     "$lyrcap" replay "$source" --seek 99999999999 >/dev/null 2>"$dir/err"
     scanned=$(sed -n 's/.* lasts \([0-9]*\) ms$/\1/p' "$dir/err")
     [ -z "$scanned" ] || check "info $(basename "$source") lasts what the scan says ($scanned ms)" test "$info" = "$scanned"
@@ -111,8 +121,9 @@ done
 y2038=$dir/corpus/y2038.pcap
 check "replay prints stamps past 2038 as the file means them" \
     test "$("$lyrcap" replay "$y2038" 2>/dev/null | cut -d' ' -f1 | tr '\n' ' ')" = "2147483647.999999 2147483648.000000 4294967295.000005 "
-check "info prints their dates" test "$("$lyrcap" info "$y2038" 2>/dev/null | tail -n 2 | tr -s ' ')" = \
-    "$(printf '%s\n' "first packet: 2038-01-19 03:14:07.999999 UTC (2147483647.999999)" "last packet: 2106-02-07 06:28:15.000005 UTC (4294967295.000005)")"
+check "info prints their dates and the time between them" test "$("$lyrcap" info "$y2038" 2>/dev/null | tail -n 3 | tr -s ' ')" = \
+    "$(printf '%s\n' "duration: 2147483647000 ms" "first packet: 2038-01-19 03:14:07.999999 UTC (2147483647.999999)" \
+        "last packet: 2106-02-07 06:28:15.000005 UTC (4294967295.000005)")"
 for f in "$y2038" "${y2038}ng"; do check "convert $(basename "$f") warns once of two stamps it cannot keep, and spans 2^31 s" test "$("$lyrcap" convert "$f" "$dir/y.pcap" 2>&1 | grep -c "warning: 2 frames\|^3 frames, 240 bytes, 2147483647000 ms,")" = 2; done
 # A full file system: convert stops, says why and how much reached the file, which stays readable.
 mkdir "$dir/full"
@@ -136,11 +147,73 @@ check "convert --from --count cuts a slice" \
     test "$(status "$lyrcap" convert "$eth" "$dir/slice.pcap" --from 50 --count 3; dump "$dir/slice.pcap" | grep -c '^[0-9]')" = "$(printf '0\n3')"
 check "the slice starts where replay --seek does" \
     test "$(tcpdump -tt -r "$dir/slice.pcap" 2>/dev/null | head -1 | cut -d' ' -f1)" = "$(printf '%s\n' "$after50" | head -1 | cut -d' ' -f1)"
+# What cannot be read is said. A file cut anywhere: at the end of a record it is whole and reads
+# without a word; inside a record or its header, info reads the records before it, names the byte
+# where the cut one begins and exits 3. Classic and pcapng files from our writer, whose layout is
+# known: a 24-byte header and records of 76 bytes, or 48 bytes of section and interface and
+# blocks of 92.
+for layout in "classic 24 76" "pcapng 48 92"; do
+    read -r format header record <<<"$layout"
+    "$make_fixture" bench "$dir/whole" --packets 3 --size 60 $([ "$format" = classic ] || echo --pcapng) >/dev/null
+    wrong=""
+    for ((cut = header; cut < header + 3 * record; cut++)); do
+        head -c $cut "$dir/whole" >"$dir/cut.$format"
+        frames=$(((cut - header) / record))
+        said=""
+        if (((cut - header) % record != 0)); then
+            said="lyrcap info: $dir/cut.$format is cut short: it ends inside the record at byte $((header + frames * record)), "
+            said+="after $frames frame$([ $frames = 1 ] || echo s): truncated"
+        fi
+        code=$(status "$lyrcap" info "$dir/cut.$format")
+        [ "$code $(grep -c "^packets: *$frames$" "$dir/out") $(head -c ${#said} "$dir/err")" = "$([ -n "$said" ] && echo 3 || echo 0) 1 $said" ] ||
+            wrong+=" $cut"
+    done
+    check "info on a $format file cut at each byte tells a cut record from a whole end (wrong at:${wrong:- none})" test -z "$wrong"
+    head -c $((header + record + 30)) "$dir/whole" >"$dir/cut.$format"
+    check "convert of a cut $format file keeps the record before the cut and exits 3" \
+        test "$(status "$lyrcap" convert "$dir/cut.$format" "$dir/kept.pcap") $(tcpdump -r "$dir/kept.pcap" 2>&1 | grep -c 'UDP\|truncated')" = "3 1"
+    check "and says so in its summary" grep -q "^1 frames, .*(the input is damaged: the output holds the frames before the damage)$" "$dir/err"
+done
+head -c 20 "$eth" >"$dir/cut.pcap"
+fails "info of a file cut inside its header" "truncated dump file; tried to read 24 file header bytes" info "$dir/cut.pcap"
+# Lengths that no record can have, in the second record: libpcap's reason, as tcpdump gives it.
+le32() { printf '\\x%02x' $(($1 & 255)) $(($1 >> 8 & 255)) $(($1 >> 16 & 255)) $(($1 >> 24 & 255)); }
+for damage in "classic 108 4294967295" "pcapng 144 0" "pcapng 144 2147483648" "pcapng 160 4294967295"; do
+    read -r format offset value <<<"$damage"
+    "$make_fixture" bench "$dir/bad" --packets 3 --size 60 $([ "$format" = classic ] || echo --pcapng) >/dev/null
+    printf "$(le32 "$value")" | dd of="$dir/bad" bs=1 seek="$offset" conv=notrunc 2>/dev/null
+    reason=$(tcpdump -r "$dir/bad" 2>&1 >/dev/null | sed -n 's/^tcpdump: pcap_loop: //p')
+    start=$([ "$format" = classic ] && echo 100 || echo 140)
+    for command in info replay; do
+        check "$command of a $format file whose record says $value at byte $offset reads one frame and exits 3" \
+            test "$(status "$lyrcap" $command "$dir/bad"; grep -c "^packets: *1$\|0x0800 IPv4$" "$dir/out")" = "$(printf '3\n1')"
+        check "and says where and why: $reason" test -n "$reason" -a "$(grep -v '^[0-9]* frames, ' "$dir/err")" = \
+            "lyrcap $command: $dir/bad is damaged: libpcap cannot read the record at byte $start, after 1 frame: $reason"
+    done
+done
+# A link type that is neither Ethernet nor RAW is said once, and read on; convert refuses to write
+# its packets into a capture of Ethernet frames.
+"$make_fixture" bench "$dir/sll2.pcap" --packets 3 --size 60 --link-type 276 >/dev/null
+for command in info replay; do
+    check "$command of a LINUX_SLL2 file says once that its packets are not Ethernet frames, and reads them" \
+        test "$(status "$lyrcap" $command "$dir/sll2.pcap") $(grep -c "^lyrcap $command: $dir/sll2.pcap holds packets of link type LINUX_SLL2 (Linux cooked v2, 276), not Ethernet frames" "$dir/err")" = "0 1"
+done
+fails "convert of a LINUX_SLL2 file" "holds packets of link type LINUX_SLL2 (Linux cooked v2, 276), not Ethernet frames or bare IP packets" \
+    convert "$dir/sll2.pcap" "$dir/sll2-copy.pcap"
+check "and writes nothing" test ! -e "$dir/sll2-copy.pcap"
+# Stamps finer than a microsecond: convert says how many of those it wrote lost their nanoseconds.
+"$make_fixture" bench "$dir/fine.pcap" --packets 10 --size 60 --nano --gap-ns 1500 >/dev/null
+for count in 10 4; do
+    check "convert --count $count of a file with a fine stamp in every other frame counts $((count / 2))" \
+        test "$(status "$lyrcap" convert "$dir/fine.pcap" "$dir/x.pcap" --count $count; grep -c "^lyrcap convert: $((count / 2)) frames had time stamps finer than a microsecond: $dir/x.pcap keeps them" "$dir/err")" = "$(printf '0\n1')"
+done
+
 # Usage errors: a bad count, port or host, an unknown option (before the command too) or command,
 # a missing argument, options that exclude each other, and a copy onto its own input.
 for words in "replay $eth --count 0" "info --bogus" "--bogus info $eth" bogus "convert $eth" "convert $eth $eth" capture \
     "capture lo --port 70000" "capture lo --host 10.0.0" "capture lo --host 10.0.0.1x" "capture lo --host 10.0.0.256" \
-    "send $eth" "send $eth lo --speed 2 --topspeed" "capture lo -w $dir/x.pcap --files 3"; do
+    "send $eth" "send $eth lo --speed 2 --topspeed" "capture lo -w $dir/x.pcap --files 3" "convert $eth $dir/x.pcapng" \
+    "capture lo -w $dir/x.PcapNG"; do
     check "lyrcap ${words//$dir\//} is a usage error" test "$(status "$lyrcap" $words)" = 2
 done
 check "convert to a missing directory fails" test "$(status "$lyrcap" convert "$eth" "$dir/no/such.pcap")" = 1

@@ -165,6 +165,36 @@ wait "$pid"; check "a capture whose next file is a symbolic link exits 1" test $
 check "and names the link" grep -q "^lyrcap capture: cannot write $dir/planted_00002.pcap: it is a symbolic link" "$dir/err"
 check "whose target it left alone" test "$(cat "$dir/victim")" = untouched
 wait
+# Frames larger than the back-end takes (9022 bytes) are refused, counted apart from the drops on
+# the status line and in the summary, which says once why they came and how to stop them: an
+# MTU that lets them in, and a device that merges packets (GRO on a veth pair).
+ip link set lyrveth0 mtu 12000 && ip link set lyrveth1 mtu 12000
+"$make_fixture" bench "$dir/jumbo.pcap" --packets 5 --size 12000 >/dev/null
+for offloads in off on; do
+    ethtool -K lyrveth0 gro "$offloads" >/dev/null 2>&1 || [ "$offloads" = off ] || { echo "skipped: GRO on a veth pair"; break; }
+    start_capture -w "$dir/jumbo-capture.pcap"
+    tcpreplay -q -i lyrveth1 "$dir/jumbo.pcap" >/dev/null 2>&1
+    check "with GRO $offloads, the status line counts five refused frames apart from the drops" \
+        await "" grep -q "^[0-9]* frames, .*, [0-9]* dropped, 5 refused, [0-9]* frames/s$" "$dir/err"
+    kill -INT "$pid"; wait "$pid"; pid=
+    advice="lyrveth0's MTU of 12000 lets such frames in; to keep them out: ip link set lyrveth0 mtu 9004"
+    [ "$offloads" = off ] || advice="lyrveth0 merges the packets it receives into larger ones (receive offloads); to capture them as they came: ethtool -K lyrveth0 gro off lro off; $advice"
+    check "and the summary too, with why they came, once" test "$(grep -c "captured in .*, [0-9]* dropped, 5 refused, recorded to \|^lyrcap capture: 5 frames were larger than 9022 bytes and were refused: $advice$" "$dir/err")" = 2
+    check "the recording holds none of them" test "$(sequence 12000 "$dir/jumbo-capture.pcap" | wc -l)" = 0
+done
+ethtool -K lyrveth0 gro off >/dev/null 2>&1
+ip link set lyrveth0 mtu 1500 && ip link set lyrveth1 mtu 1500
+# Devices whose frames are not Ethernet frames: marked in the list, refused for capture.
+check "list-devices marks 'any' as not Ethernet, and not the pair" \
+    test "$("$lyrcap" list-devices | grep -c '^any  (.*not Ethernet)\|^lyrveth0  (.*not Ethernet')" = 1
+check "capture refuses 'any' with the reason" test "$("$lyrcap" capture any --seconds 60 2>&1 >/dev/null; echo $?)" = \
+    "$(printf 'lyrcap capture: any delivers packets of link type LINUX_SLL (Linux cooked v1, 113), not Ethernet frames: %s\n1' \
+        "recorded as Ethernet frames they would pass for what they are not; capture from a device of its own ('lyrcap list-devices' marks the others)")"
+# A damaged file is sent up to the damage, which send names (exit 3).
+head -c $((24 + 3 * 216 + 50)) "$dir/traffic.pcap" >"$dir/cut.pcap"
+"$lyrcap" send "$dir/cut.pcap" lyrveth1 --timeout 18446744073709551615 >"$dir/out" 2>"$dir/err"
+check "send of a cut file exits 3, having sent the three frames before the cut" test "$?:$(head -1 "$dir/out")" = "3:frames sent: 3"
+check "and says where the file was cut" grep -q "^lyrcap send: $dir/cut.pcap is cut short: it ends inside the record at byte 672, after 3 frames: truncated" "$dir/err"
 # --user: the whole run is nobody's, every thread keeping CAP_NET_RAW and, for its realtime
 # priority, CAP_SYS_NICE; its file is nobody's, and a device that goes away and comes back is
 # opened again.
