@@ -170,13 +170,16 @@ std::int64_t Microseconds(std::uint64_t units, const Resolution& resolution, boo
 {
     bFine = false;
     if (resolution.bBinary) {
-        if (resolution.exponent >= 64)
+        const unsigned exponent = resolution.exponent;
+        if (exponent >= 64)
             return 0;
-        const std::uint64_t perSecond = std::uint64_t(1) << resolution.exponent;
-        const std::uint64_t fraction = units % perSecond;
-        const unsigned __int128 scaled = static_cast<unsigned __int128>(fraction) * 1000000;
-        bFine = scaled % perSecond != 0;
-        return static_cast<std::int64_t>(units / perSecond * 1000000 + static_cast<std::uint64_t>(scaled / perSecond));
+        const std::uint64_t fraction = units & ((std::uint64_t(1) << exponent) - 1);
+        // A millionth is 2^-6 / 15625: a fraction of 2^-e is whole microseconds when the lowest
+        // e - 6 bits are clear. Products stay within 64 bits: 10^6 < 2^20, so a fraction is cut
+        // to 44 bits first, which moves the microseconds by less than a ten-millionth of one.
+        bFine = exponent > 6 && (fraction & ((std::uint64_t(1) << (exponent - 6)) - 1)) != 0;
+        const unsigned cut = exponent > 44 ? exponent - 44 : 0;
+        return static_cast<std::int64_t>((units >> exponent) * 1000000 + ((fraction >> cut) * 1000000 >> (exponent - cut)));
     }
     if (resolution.exponent <= 6) {
         std::uint64_t scale = 1;

@@ -246,5 +246,6 @@ done
 fails "a missing plug-in" "cannot load plug-in $dir/none.so" --plugin "$dir/none.so" info "$eth"
 fails "capture of an unknown device" "Error attempting to configure interface(nosuch0)" capture nosuch0 --count 1
 fails "send to a missing device" "^Failed to open port for transmitting: " send "$eth" lyrnosuchdev0
+check "send takes -Z USER for --user" test "$(status "$lyrcap" send -Z nobody "$eth" lyrnosuchdev0) $(grep -c option "$dir/err")" = "1 0"
 
 finish

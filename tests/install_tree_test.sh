@@ -101,15 +101,23 @@ check "with file capabilities, nobody runs lyrcap info on the installed sample" 
 "${nobody[@]}" env LYRCAP_PLUGIN=/nonexistent.so "$tool" info >"$dir/out" 2>"$dir/err"
 check "it does not read LYRCAP_PLUGIN, and says so" \
     test "$?/$(cat "$dir/err")" = "0/lyrcap: LYRCAP_PLUGIN is not read: lyrcap runs with more privilege than its user"
-# Copies of the plug-in: in a folder that only root can write, one that anyone can, and one that
-# belongs to nobody.
-mkdir -m 755 "$prefix/trusted" "$prefix/open"
-chmod 1777 "$prefix/open"
-cp "$prefix/$libdir/lyr/plugins/liblyrpcap.so" "$prefix/trusted/plugin.so"
-cp "$prefix/trusted/plugin.so" "$prefix/open/plugin.so"
-cp "$prefix/trusted/plugin.so" "$prefix/trusted/nobodys.so" && chown nobody "$prefix/trusted/nobodys.so"
+# Copies of the plug-in: in a folder that only root can write; one that anyone can, and a root
+# folder inside it; one that a group can write, and a group-writable file; a file that belongs
+# to nobody; and a folder beside the installed one whose name begins with its name.
+plugins=$prefix/$libdir/lyr/plugins
+mkdir -m 755 "$prefix/trusted" "$prefix/open" "$prefix/group" "$plugins-x"
+chmod 1777 "$prefix/open" "$plugins-x" && chmod 775 "$prefix/group"
+mkdir -m 755 "$prefix/open/deep"
+cp "$plugins/liblyrpcap.so" "$prefix/trusted/plugin.so"
+for copy in open/plugin.so open/deep/plugin.so group/plugin.so trusted/nobodys.so trusted/group.so; do cp "$prefix/trusted/plugin.so" "$prefix/$copy"; done
+cp "$prefix/trusted/plugin.so" "$plugins-x/plugin.so"
+chown nobody "$prefix/trusted/nobodys.so" && chmod 664 "$prefix/trusted/group.so"
 check "it loads a plug-in that only root can write, in folders only root can write" test "$(as_nobody --plugin "$prefix/trusted/plugin.so" info)" = 0
 for refused in "open/plugin.so:$prefix/open may be written by others than root" \
+    "open/deep/plugin.so:$prefix/open may be written by others than root" \
+    "group/plugin.so:$prefix/group may be written by others than root" \
+    "trusted/group.so:$prefix/trusted/group.so may be written by others than root" \
+    "${plugins#"$prefix/"}-x/plugin.so:$plugins-x may be written by others than root" \
     "trusted/nobodys.so:$prefix/trusted/nobodys.so belongs to a user other than root"; do
     check "it refuses $prefix/${refused%%:*}, naming the file and why" test "$(as_nobody --plugin "$prefix/${refused%%:*}" info)" = 1 -a \
         -n "$(grep "^lyrcap: refusing to load the plug-in $prefix/${refused%%:*}: ${refused#*:} (lyrcap runs with more privilege" "$dir/err")"
@@ -124,5 +132,9 @@ check "nobody captures with file capabilities, keeping only CAP_NET_RAW" \
 check "with the installed plug-in" grep -q " $prefix/$libdir/lyr/plugins/liblyrpcap.so$" "/proc/$pid/maps"
 kill -INT "$pid"; wait "$pid"
 check "and ends well" test $? = 130 -a "$(stat -c %U "$dir/nobodys/mine.pcap")" = nobody
+# A setuid copy goes back to the user who starts it: what it writes is that user's.
+cp "$tool" "$tool-setuid" && chmod 4755 "$tool-setuid"
+"${nobody[@]}" "$tool-setuid" convert "$prefix/$datadir/lyrcap/samples/ethernet.pcap" "$dir/nobodys/setuid.pcap" 2>"$dir/err"
+check "a setuid copy run by nobody writes nobody's file" test "$?:$(stat -c %U "$dir/nobodys/setuid.pcap" 2>&1)" = 0:nobody
 
 finish

@@ -97,6 +97,7 @@ check "frames are recorded whole" test "$(frames "$dir/count.pcap" | sort -u | c
 "$lyrcap" capture lyrveth0 --port 5001 --seconds 3 --priority 0 -w "$dir/filtered.pcap" 2>"$dir/err" & pid=$!
 await "" capture_thread
 check "--priority 0 leaves the capture thread at ordinary priority" test "$(policies | tr '\n' ' ')" = "0 0 0 0 "
+check "and keeps no CAP_SYS_NICE on any thread" same_credentials 0 0 "" $((NET_RAW | DAC_OVERRIDE))
 await send ended
 wait "$pid"; check "capture --seconds exits 0" test $? = 0; pid=
 check "a port nobody sends to keeps everything out" test "$(packets "$dir/filtered.pcap")" = 0
@@ -199,9 +200,11 @@ check "and says where the file was cut" grep -q "^lyrcap send: $dir/cut.pcap is 
 # priority, CAP_SYS_NICE; its file is nobody's, and a device that goes away and comes back is
 # opened again.
 chmod 755 "$dir" && mkdir -m 755 "$dir/nobodys" && chown nobody "$dir/nobodys"
-start_capture -Z nobody -w "$dir/nobodys/user.pcap"
+start_capture -Z nobody --priority 1 -w "$dir/nobodys/user.pcap"
 check "capture --user nobody runs every thread as nobody, with CAP_NET_RAW and CAP_SYS_NICE alone" \
     same_credentials 65534 "$nogroup" "$nogroup" $((NET_RAW | SYS_NICE))
+grep -q "realtime priority refused" "$dir/err" ||
+    check "its capture thread runs at the realtime priority asked, 1" test "$(policies | tr '\n' ' ')" = "1 1 0 0 "
 ip link del lyrveth0
 ip link add lyrveth0 type veth peer name lyrveth1 && sysctl -qw net.ipv6.conf.lyrveth0.disable_ipv6=1 net.ipv6.conf.lyrveth1.disable_ipv6=1
 ip link set lyrveth0 up && ip link set lyrveth1 up
