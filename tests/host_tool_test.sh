@@ -209,8 +209,10 @@ for count in 10 4; do
 done
 
 # Usage errors: a bad count, port or host, an unknown option (before the command too) or command,
-# a missing argument, options that exclude each other, and a copy onto its own input.
-for words in "replay $eth --count 0" "info --bogus" "--bogus info $eth" bogus "convert $eth" "convert $eth $eth" capture \
+# a missing argument, options that exclude each other, and a copy onto its own input, also by a
+# link to it.
+ln -s "$eth" "$dir/eth-link.pcap"
+for words in "convert $eth $dir/eth-link.pcap" "replay $eth --count 0" "info --bogus" "--bogus info $eth" bogus "convert $eth" "convert $eth $eth" capture \
     "capture lo --port 70000" "capture lo --host 10.0.0" "capture lo --host 10.0.0.1x" "capture lo --host 10.0.0.256" \
     "send $eth" "send $eth lo --speed 2 --topspeed" "capture lo -w $dir/x.pcap --files 3" "convert $eth $dir/x.pcapng" \
     "capture lo -w $dir/x.PcapNG"; do
