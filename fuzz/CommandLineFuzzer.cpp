@@ -56,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         else
             words.back() += static_cast<char>(data[i]);
     }
-    CommandLine line(words, {"--count", "--speed", "--user", "-w"}, {"--spin"}, {{"-Z", "--user"}});
+    CommandLine line(words, {"--count", "--speed", "--user", "--write", "--spin"});
     if (!line.Ok())
         return 0;
     constexpr std::uint64_t Min = 1, Max = 1000000;

@@ -113,23 +113,30 @@ int LinkTypeOf(const std::string& path)
 FrameReader::FrameReader() = default;
 FrameReader::~FrameReader() = default;
 
-bool FrameReader::Open(const std::string& filePath, bool bScan, bool bShowReading)
+bool FrameReader::Open(const std::string& name, const char* command, bool bScan, bool bShowReading)
 {
-    path = filePath;
+    if (!input.Open(name, command))
+        return false;
+    path = input.Path();
+    const std::string& filePath = path;
     magic = MagicOf(path);
     linkType = LinkTypeOf(path);
     file = CreateNetFile();
     if (!file)
         return false;
-    const bool bTerminal = isatty(STDERR_FILENO);
+    const bool bTerminal = isatty(STDERR_FILENO) && !Quiet();
+    bool bConfigured = false;
     if (bScan) {
         Lyr::NetFile& scanned = *file;
         // Ctrl-C stops the scan even where its progress is not shown.
         ProgressMonitor monitor("scanning", path, bTerminal, [&scanned] { return scanned.GetParseProgress(); },
                                 [&scanned] { scanned.StopParsingFile(); });
-        if (!file->ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0))
-            return false;
-    } else if (!file->ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, UnaskedDuration)) {
+        bConfigured = file->ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, 0);
+    } else {
+        bConfigured = file->ConfigureFile(path, Lyr::NetFile::NetFileMode_Read, UnaskedDuration);
+    }
+    if (!bConfigured) {
+        std::fprintf(stderr, "lyrcap %s: cannot read %s\n", command, Name().c_str());
         return false;
     }
     // Only a walk tells where a pcapng file's blocks end, and it takes a third of the time that
@@ -148,20 +155,17 @@ bool FrameRange::Parse(CommandLine& line, const std::string& seekOption)
     return line.Number("--count", 1, UINT64_MAX, count) && line.Number(seekOption, 0, UINT64_MAX, startMs);
 }
 
-bool FrameReader::OpenRange(const std::string& filePath, const FrameRange& range, const char* command,
-                            bool bShowReading)
+bool FrameReader::OpenRange(const std::string& name, const FrameRange& range, const char* command, bool bShowReading)
 {
-    if (!Open(filePath, range.bSeek, bShowReading)) {
-        std::fprintf(stderr, "lyrcap %s: cannot read %s\n", command, filePath.c_str());
+    if (!Open(name, command, range.bSeek, bShowReading))
         return false;
-    }
     if (!range.bSeek)
         return true;
     // The back-end's seek passes packets that this reader never counts.
     bSeeked = range.startMs != 0;
     if (range.startMs >= file->GetDuration()) {
         std::fprintf(stderr, "lyrcap %s: cannot seek to %llu ms: %s lasts %llu ms\n", command,
-                     static_cast<unsigned long long>(range.startMs), path.c_str(), file->GetDuration());
+                     static_cast<unsigned long long>(range.startMs), Name().c_str(), file->GetDuration());
         return false;
     }
     file->SeekBegin(range.startMs);
@@ -177,7 +181,10 @@ const Lyr::EthFrame* FrameReader::Next()
                             std::memory_order_relaxed);
             ++recordsPassed;
             ++framesPassed;
-            return &frame;
+            if (filter.Keeps(frame))
+                return &frame;
+            ++filtered;
+            continue;
         }
         const std::uint64_t refused = watch.RefusedPackets() - refusedBefore;
         if (refused == 0) {
@@ -223,10 +230,10 @@ bool FrameReader::EndedWhole(const char* command)
     const RecordWalk& records = Walk();
     if (records.bKnownFormat && records.bWhole && !bSeeked && records.packets == recordsPassed)
         return true;
-    Damage damage;
     if (!FindDamage(path, records, damage))
         return true;
-    std::fprintf(stderr, "lyrcap %s: %s %s at byte %llu, after %llu frame%s: %s\n", command, path.c_str(),
+    bDamaged = true;
+    std::fprintf(stderr, "lyrcap %s: %s %s at byte %llu, after %llu frame%s: %s\n", command, Name().c_str(),
                  damage.bCut ? "is cut short: it ends inside the record" : "is damaged: libpcap cannot read the record",
                  static_cast<unsigned long long>(damage.offset), static_cast<unsigned long long>(framesPassed),
                  framesPassed == 1 ? "" : "s", damage.reason.c_str());
@@ -249,7 +256,31 @@ void FrameReader::SayIfNotFrames(const char* command) const
         std::fprintf(stderr,
                      "lyrcap %s: %s holds packets of link type %s, not Ethernet frames: they are read as frames "
                      "all the same, so their addresses and types are not what they seem\n",
-                     command, path.c_str(), LinkTypeText().c_str());
+                     command, Name().c_str(), LinkTypeText().c_str());
+}
+
+void FrameReader::DescribeDamage(JsonObject& summary) const
+{
+    if (!bDamaged) {
+        summary.AddNull("damage");
+        return;
+    }
+    summary.Add("damage", JsonObject()
+                              .Add("offset", std::uint64_t(damage.offset))
+                              .Add("cut_short", damage.bCut)
+                              .Add("frames_before", std::uint64_t(framesPassed))
+                              .Add("reason", damage.reason));
+}
+
+bool FrameReader::SetFilter(const std::string& expression, std::string& error)
+{
+    return filter.Compile(expression, linkType, error);
+}
+
+std::string FrameReader::LinkTypeName() const
+{
+    const char* name = linkType < 0 ? nullptr : pcap_datalink_val_to_name(linkType);
+    return name ? name : "";
 }
 
 std::string FrameReader::LinkTypeText() const

@@ -7,6 +7,9 @@
 #include <lyr/EthFrame.h>
 #include <lyr/NetFile.h>
 
+#include "FrameFilter.h"
+#include "InputFile.h"
+#include "Json.h"
 #include "RecordWalk.h"
 
 #include <atomic>
@@ -35,20 +38,25 @@ public:
     FrameReader();
     ~FrameReader();
 
-    // Opens `path`. With `bScan`, the back-end scans the whole file for its duration first (an
+    // Opens the file `name` ("-": standard input; a stream is held in a private file first,
+    // InputFile.h). With `bScan`, the back-end scans the whole file for its duration first (an
     // extra pass, which only File().GetDuration() needs): its progress goes to a terminal on
     // standard error, and Ctrl-C stops it early (Interrupted() then tells). With `bShowReading`,
     // the progress of reading goes to a terminal on standard error until the end of the file.
-    bool Open(const std::string& path, bool bScan, bool bShowReading);
+    // Failures are told in the name of `command`.
+    bool Open(const std::string& name, const char* command, bool bScan, bool bShowReading);
 
-    // Opens `path`, scanning it only when the range has a start, and then seeks to that start:
+    // Opens `name`, scanning it only when the range has a start, and then seeks to that start:
     // when the file lasts longer than that, since the back-end only prints when it refuses. The
-    // packet that reaches the time is consumed by the seek. Failures are told in the name of
-    // `command`.
-    bool OpenRange(const std::string& path, const FrameRange& range, const char* command, bool bShowReading);
+    // packet that reaches the time is consumed by the seek.
+    bool OpenRange(const std::string& name, const FrameRange& range, const char* command, bool bShowReading);
 
-    // The next frame, skipping packets that the back-end refuses; null at the end of the file,
-    // or where libpcap could read no further (EndedWhole tells which).
+    // Keeps only the frames that the filter expression keeps, as tcpdump would on this file
+    // (FrameFilter.h); false, with libpcap's reason, when it does not compile for its link type.
+    bool SetFilter(const std::string& expression, std::string& error);
+
+    // The next frame that the filter keeps, skipping packets that the back-end refuses; null at
+    // the end of the file, or where libpcap could read no further (EndedWhole tells which).
     const Lyr::EthFrame* Next();
 
     // Once Next has given null: whether the file ended where its records end. Where libpcap
@@ -56,6 +64,12 @@ public:
     // name of `command`, and gives false. Checked at the first end only: a later pass over the
     // same file (send --loop) meets the same damage and says nothing more.
     bool EndedWhole(const char* command);
+    // What EndedWhole found, or null.
+    const Damage* FoundDamage() const { return bDamaged ? &damage : nullptr; }
+    // Frames read before the damage, or before the end.
+    std::uint64_t FramesRead() const { return framesPassed; }
+    // The damage as the field "damage" of a JSON summary: null, or where, why and after what.
+    void DescribeDamage(JsonObject& summary) const;
     // The file's records as the host walked them (RecordWalk.h), counting fine stamps among
     // those the back-end has passed so far; walked once, when first asked or at the end.
     const RecordWalk& Walk();
@@ -69,6 +83,13 @@ public:
     void SayIfNotFrames(const char* command) const;
     // "EN10MB (Ethernet, 1)", as libpcap names the file's link type.
     std::string LinkTypeText() const;
+    // "EN10MB", and its number; "" and -1 where libpcap cannot tell.
+    std::string LinkTypeName() const;
+    int LinkType() const { return linkType; }
+    // The file as named to people ("standard input" for "-").
+    const std::string& Name() const { return input.Name(); }
+    // The frames that the filter left out.
+    std::uint64_t Filtered() const { return filtered; }
 
     Lyr::NetFile& File() { return *file; }
     std::uint64_t Refused() const { return watch.RefusedPackets(); }
@@ -79,7 +100,12 @@ private:
     std::unique_ptr<ProgressMonitor> readMonitor;
     std::atomic<std::uint64_t> bytesRead{0}; // frames and their record headers, as the monitor shows them
     std::unique_ptr<Lyr::NetFile> file;
-    std::string path;
+    InputFile input;
+    std::string path; // where the back-end and libpcap open it
+    FrameFilter filter;
+    std::uint64_t filtered = 0;
+    bool bDamaged = false;
+    Damage damage;
     std::uint32_t magic = 0;         // the file's first four bytes, as they lie
     int linkType = -1;               // libpcap's, or -1 where it cannot tell
     std::uint64_t recordsPassed = 0; // frames and refused packets, from the start of the file

@@ -185,6 +185,20 @@ bool Interrupted()
     return bInterrupted.load();
 }
 
+namespace {
+bool bQuiet = false;
+}
+
+void BeQuiet()
+{
+    bQuiet = true;
+}
+
+bool Quiet()
+{
+    return bQuiet;
+}
+
 LogWatch::LogWatch()
 {
     Kt::SetLogSink([this](const std::string& text) {

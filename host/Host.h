@@ -45,6 +45,9 @@ bool StandardOutputWritten(const std::string& command);
 // runs at ordinary priority instead.
 void StartAtRealtimePriority(int priority, const std::string& what, const std::function<void()>& start);
 bool Interrupted();
+// -q: no status lines and no progress on standard error, for the rest of the run.
+void BeQuiet();
+bool Quiet();
 
 // Passes the plug-in's log lines on to standard error and counts the refused packets among them,
 // since Read tells a refused packet from the end of the file only through its message. The output

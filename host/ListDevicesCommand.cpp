@@ -51,7 +51,7 @@ std::string Ipv4AddressesOf(const pcap_if_t& device)
 
 int RunListDevices(const std::vector<std::string>& args)
 {
-    CommandLine line(args, {}, {});
+    CommandLine line(args, {});
     if (!line.Ok())
         return UsageError("list-devices", line.Error());
     if (line.Has("--help")) {

@@ -1,6 +1,8 @@
 #include "Recorder.h"
 
 #include "Host.h"
+#include "StreamRelay.h"
+#include "TimeStamps.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -70,10 +72,12 @@ std::string WhyNotGrowing(int descriptor, std::uint64_t size)
 
 // Creates the file `name`, or empties the one there, for writing: never through a symbolic link,
 // and never anything but a regular file of that one name, whose other names (hard links) would
-// change too. -1, with the reason, when it will not. Everything later is done through the
-// descriptor, so that a file put in its place by name meanwhile is never touched.
-int CreateOutputFile(const std::string& name, std::string& reason)
+// change too, or a FIFO (`bStream` then tells). -1, with the reason, when it will not.
+// Everything later is done through the descriptor, so that a file put in its place by name
+// meanwhile is never touched.
+int CreateOutputFile(const std::string& name, bool& bStream, std::string& reason)
 {
+    bStream = false;
     int descriptor = open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (descriptor >= 0)
         return descriptor; // new, and so a regular file of one name
@@ -87,8 +91,17 @@ int CreateOutputFile(const std::string& name, std::string& reason)
                                 : std::strerror(errno);
     else if (fstat(descriptor, &info) != 0)
         reason = std::strerror(errno);
-    else if (!S_ISREG(info.st_mode))
-        reason = "it is not a regular file";
+    else if (S_ISFIFO(info.st_mode)) {
+        // Opened again for writing alone, waiting for a reader as a FIFO's writer does: a writer
+        // that also reads would never learn that its reader went away.
+        close(descriptor);
+        descriptor = open(name.c_str(), O_WRONLY | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
+        bStream = descriptor >= 0 && fstat(descriptor, &info) == 0 && S_ISFIFO(info.st_mode);
+        if (bStream)
+            return descriptor;
+        reason = descriptor < 0 ? std::strerror(errno) : "it changed while it was opened";
+    } else if (!S_ISREG(info.st_mode))
+        reason = "it is not a regular file or a FIFO";
     else if (info.st_nlink > 1)
         reason = "the file has " + std::to_string(info.st_nlink) + " names (hard links), and would change under each";
     else if (ftruncate(descriptor, 0) != 0)
@@ -125,6 +138,7 @@ struct Recorder::File {
     std::string name;
     std::unique_ptr<Lyr::NetFile> recording;
     int descriptor = -1; // the file as created, for its size, its records and cutting it
+    std::unique_ptr<StreamRelay> relay; // for a stream, which has no size: what reached it
     std::uint64_t frames = 0;
     std::uint64_t expected = FileHeaderSize; // what the file holds once closed
     std::uint64_t flushed = FileHeaderSize;  // what it must hold already
@@ -137,20 +151,40 @@ struct Recorder::File {
     std::deque<Group> unflushed;
     unsigned long long groupStart = 0;
     unsigned long long lastStamp = 0;
+    long long earliest = 0, latest = 0; // the span of the frames' stamps, for a ring by time
     unsigned long long nextEventAt = 0; // the stamp at which a group ends or one is known flushed
     std::uint64_t untilLook = FramesBetweenLooks;
 
     ~File()
     {
         recording.reset();
-        if (descriptor >= 0)
+        relay.reset();
+        if (descriptor >= 0 && descriptor != STDOUT_FILENO)
             close(descriptor);
+    }
+
+    // What the back-end has written so far.
+    std::uint64_t Size() const { return relay ? relay->Written() : FileSize(descriptor); }
+
+    // Whether a frame of `size` bytes stamped `stamp` belongs in the ring's next file. The stamps
+    // are taken for what they mean, so that a file across 2038 spans what it spans.
+    bool TooFull(const Ring& ring, std::uint64_t size, unsigned long long stamp) const
+    {
+        if (frames == 0)
+            return false; // a frame larger than a whole file still gets one
+        const long long at = StampMeaning(stamp);
+        return (ring.fileBytes != 0 && expected + RecordHeaderSize + size > ring.fileBytes) ||
+               (ring.fileUs != 0 && static_cast<unsigned long long>(std::max(latest, at) - std::min(earliest, at)) >=
+                                        ring.fileUs);
     }
 
     // Notes a frame handed to the back-end; true when the file should be looked at now. Most
     // frames only count: the groups change at most once per GroupUs of stamps.
     bool Handed(unsigned long long stamp, std::uint64_t size)
     {
+        const long long at = StampMeaning(stamp);
+        earliest = frames == 0 ? at : std::min(earliest, at);
+        latest = frames == 0 ? at : std::max(latest, at);
         expected += RecordHeaderSize + size;
         ++frames;
         if (stamp >= lastStamp && stamp < nextEventAt && --untilLook != 0) {
@@ -182,11 +216,12 @@ struct Recorder::File {
         return true;
     }
 
-    // Whether the file is further behind than the back-end's buffer can explain.
+    // Whether the file is further behind than the back-end's buffer can explain, or the stream's
+    // reader has gone.
     bool Lost() const
     {
-        const std::uint64_t size = FileSize(descriptor);
-        return size < flushed || (size < expected && expected - size > MostBuffered);
+        const std::uint64_t size = Size();
+        return size < flushed || (size < expected && expected - size > MostBuffered) || (relay && relay->Failure());
     }
 };
 
@@ -211,22 +246,42 @@ bool Recorder::Open()
     return OpenNext();
 }
 
+bool Recorder::IsStandardOutput(const std::string& path)
+{
+    return path == "-" || path == "/dev/stdout";
+}
+
 bool Recorder::OpenNext()
 {
     auto file = std::make_unique<File>();
-    file->name = ring.fileBytes == 0 ? path : NumberedName(path, ++sequence);
+    file->name = ring.Bounded() ? NumberedName(path, ++sequence) : path;
     std::string reason;
-    file->descriptor = CreateOutputFile(file->name, reason);
+    bool bStream = IsStandardOutput(path);
+    if (bStream) {
+        file->name = "standard output";
+        file->descriptor = STDOUT_FILENO;
+    } else {
+        file->descriptor = CreateOutputFile(file->name, bStream, reason);
+    }
     if (file->descriptor < 0) {
         std::fprintf(stderr, "lyrcap %s: cannot write %s: %s\n", command.c_str(), file->name.c_str(), reason.c_str());
         return false;
     }
+    if (bStream) {
+        file->relay = std::make_unique<StreamRelay>(file->descriptor);
+        if (!file->relay->Start()) {
+            std::fprintf(stderr, "lyrcap %s: cannot write %s: %s\n", command.c_str(), file->name.c_str(), std::strerror(errno));
+            return false;
+        }
+    }
     file->recording = CreateNetFile();
-    if (!file->recording ||
-        !file->recording->ConfigureFile(DescriptorPath(file->descriptor), Lyr::NetFile::NetFileMode_Write, 0)) {
+    const std::string backendPath = bStream ? file->relay->WritePath() : DescriptorPath(file->descriptor);
+    if (!file->recording || !file->recording->ConfigureFile(backendPath, Lyr::NetFile::NetFileMode_Write, 0)) {
         std::fprintf(stderr, "lyrcap %s: cannot write %s\n", command.c_str(), file->name.c_str());
         return false;
     }
+    if (bStream)
+        file->relay->ReleaseWriteEnd();
     if (ring.files != 0 && kept.size() >= ring.files) {
         std::remove(kept.front().c_str());
         kept.pop_front();
@@ -244,8 +299,8 @@ bool Recorder::Write(const Lyr::EthFrame& frame)
     if (!bWriting)
         return false;
     const std::uint64_t size = const_cast<Lyr::EthFrame&>(frame).GetData().size;
-    if (ring.fileBytes != 0 && current->frames != 0 && current->expected + RecordHeaderSize + size > ring.fileBytes &&
-        !(CloseCurrent() && OpenNext())) {
+    const unsigned long long stamp = frame.GetTimestamp();
+    if (current->TooFull(ring, size, stamp) && !(CloseCurrent() && OpenNext())) {
         bWriting = false;
         bFailed = true; // and said, by the one that failed
         return false;
@@ -255,7 +310,7 @@ bool Recorder::Write(const Lyr::EthFrame& frame)
     ++frames;
     bytes += size;
     // Stopped at once where the file shows a loss: the frames that would follow are lost too.
-    bLossSeen = file.Handed(frame.GetTimestamp(), size) && file.Lost();
+    bLossSeen = file.Handed(stamp, size) && file.Lost();
     bWriting = !bLossSeen;
     return bWriting;
 }
@@ -272,7 +327,9 @@ bool Recorder::CloseCurrent()
 {
     File& file = *current;
     file.recording.reset(); // the back-end writes what it still holds
-    const std::uint64_t size = FileSize(file.descriptor);
+    if (file.relay)
+        file.relay->Finish();
+    const std::uint64_t size = file.relay ? (file.relay->Failure() ? 0 : file.relay->Delivered()) : FileSize(file.descriptor);
     // A loss seen while writing is said even where the file came out whole in the end: the
     // frames that followed it were not handed over.
     return (size == file.expected && !bLossSeen) || Failed(file);
@@ -280,16 +337,26 @@ bool Recorder::CloseCurrent()
 
 bool Recorder::Failed(const File& file)
 {
-    const std::uint64_t size = FileSize(file.descriptor);
-    std::string reason = WhyNotGrowing(file.descriptor, size);
-    std::uint64_t wholeSize = 0;
-    const std::uint64_t records = WholeRecords(file.descriptor, size, wholeSize);
-    if (wholeSize < size && ftruncate(file.descriptor, static_cast<off_t>(wholeSize)) != 0)
-        reason += std::string("; cutting off its last record failed too: ") + std::strerror(errno);
+    std::string reason;
+    std::uint64_t records = 0;
+    if (file.relay) {
+        // A stream that took less: its reader went away, or what it went to is full.
+        file.relay->Finish();
+        reason = file.relay->Failure() ? std::strerror(file.relay->Failure()) : "it took less than was written to it";
+        records = file.relay->WholeRecordsDelivered();
+    } else {
+        const std::uint64_t size = FileSize(file.descriptor);
+        reason = WhyNotGrowing(file.descriptor, size);
+        std::uint64_t wholeSize = 0;
+        records = WholeRecords(file.descriptor, size, wholeSize);
+        if (wholeSize < size && ftruncate(file.descriptor, static_cast<off_t>(wholeSize)) != 0)
+            reason += std::string("; cutting off its last record failed too: ") + std::strerror(errno);
+    }
     const std::uint64_t reached = frames - file.frames + records;
-    std::fprintf(stderr, "lyrcap %s: writing %s failed: %s; %llu frames reached the file%s, %llu did not\n",
+    std::fprintf(stderr, "lyrcap %s: writing %s failed: %s; %llu frame%s reached %s, %llu did not\n",
                  command.c_str(), file.name.c_str(), reason.c_str(), static_cast<unsigned long long>(reached),
-                 kept.size() > 1 ? "s" : "", static_cast<unsigned long long>(frames - reached));
+                 reached == 1 ? "" : "s", file.relay ? "it" : kept.size() > 1 ? "the files" : "the file",
+                 static_cast<unsigned long long>(frames - reached));
     bFailed = true;
     return false;
 }

@@ -9,16 +9,21 @@
 #include <string>
 #include <vector>
 
-// Records frames through the capture-file back-end into one file, or into a ring of files of a
-// bounded size, and notices what the back-end cannot tell: Write has no result and a full disk
+// Records frames through the capture-file back-end into one file, into a ring of files of a
+// bounded size or time, or into a stream (standard output, a FIFO), and notices what the
+// back-end cannot tell: Write has no result and a full disk
 // goes unnoticed there. The recorder knows what it handed over, and so the size that the file
 // must have reached, and compares it with the file whenever the back-end must have written to
 // it. One thread records; others may read the figures once it has stopped.
 class Recorder {
 public:
+    // A ring of files: the next file begins where the current one would grow beyond fileBytes,
+    // or where its frames would span fileUs or more by their stamps.
     struct Ring {
-        std::uint64_t fileBytes = 0; // 0: one file, unbounded
+        std::uint64_t fileBytes = 0; // 0: no bound on the size
+        std::uint64_t fileUs = 0;    // 0: no bound on the time
         std::uint64_t files = 0;     // the newest to keep; 0: all
+        bool Bounded() const { return fileBytes != 0 || fileUs != 0; }
     };
 
     Recorder(std::string path, Ring ring, std::string command);
@@ -27,6 +32,9 @@ public:
     // Why the recording may not be called `path`, or "": a name that ends in .pcapng promises
     // a format that the back-end does not write (it writes classic capture files).
     static std::string RefuseName(const std::string& path);
+    // Whether `path` names standard output ("-"), where the recording goes as a stream. A FIFO
+    // given by name is a stream too.
+    static bool IsStandardOutput(const std::string& path);
 
     // Creates the first file; false, having said why, when it cannot.
     bool Open();
@@ -40,6 +48,8 @@ public:
     std::uint64_t Frames() const;
     std::uint64_t Bytes() const;
     std::vector<std::string> Files() const; // the files written and kept, oldest first
+    // The recording as named to people: its name, or "standard output".
+    std::string Name() const { return IsStandardOutput(path) ? "standard output" : path; }
     std::uint64_t Removed() const;           // the oldest files of the ring, removed
 
 private:

@@ -1,8 +1,10 @@
 #include "CommandLine.h"
 #include "Commands.h"
 #include "Devices.h"
+#include "FrameFilter.h"
 #include "FrameReader.h"
 #include "Host.h"
+#include "Json.h"
 #include "Privileges.h"
 
 #include <lyr/NetOutputIf.h>
@@ -25,19 +27,27 @@
 
 namespace {
 
-const char* const Help = R"(Usage: lyrcap send FILE DEVICE [--speed X | --topspeed] [--loop N]
-                   [--timeout US] [--sndbuf BYTES] [--priority P] [--spin] [--user USER]
+const char* const Help = R"(Usage: lyrcap send FILE DEVICE [EXPRESSION] [--speed X | --topspeed] [--loop N] [-c N]
+                   [--timeout US] [--sndbuf BYTES] [--priority P] [--spin] [-Z USER] [-q] [--json]
+       lyrcap send -r FILE -i DEVICE ...
 
 Puts the frames of a capture file on the wire of DEVICE at the times the file gives them,
 through the pcap output back-end. The first frame leaves shortly after the start and the
 file's gaps between frames are kept. A capture of bare IP packets goes out as Ethernet frames.
 Frames that would leave later than the limit are dropped and counted. Ctrl-C stops the
-sending; frames already handed over still leave.
+sending; frames already handed over still leave. FILE "-" is standard input, read whole
+before the first frame leaves.
 
 Options:
+  -r, --read FILE the file, as FILE is
+  -i, --interface DEVICE
+                  the device, as DEVICE is
+  EXPRESSION      send only the packets that this libpcap filter keeps, as tcpdump does
+                  ('udp port 5000'), at their own times; the words after FILE and DEVICE
   --speed X       play X times as fast (0.5 is half speed)
   --topspeed      send as fast as the port takes them; no frame counts as late
   --loop N        send the file N times, each pass right behind the last
+  -c, --count N   hand over at most N frames in all
   --timeout US    drop frames that would leave more than US microseconds late
                   (default 10000; with --topspeed, no limit)
   --sndbuf BYTES  the socket's send buffer (default: the system's)
@@ -47,10 +57,12 @@ Options:
   --spin          the scheduler thread spins through the gaps between frames instead of
                   sleeping: the most precise timing, for a machine that can give that
                   thread a core of its own (it takes all of one)
-  --user USER     run as USER (its group and groups) from the start, keeping only the
+  -Z, --user USER run as USER (its group and groups) from the start, keeping only the
                   capabilities to open DEVICE (CAP_NET_RAW) and, with a realtime priority,
                   CAP_SYS_NICE; FILE must be readable by USER. Needs root
-  -Z USER         the same as --user USER
+  -q, --quiet     no status line
+  --json          the summary as one JSON object on standard output instead of the text
+                  (fields: 'docs/host-tool.md')
 A root run without --user still gives up every capability but those and the one to
 override file permissions. Ctrl-C, SIGTERM and SIGHUP stop the sending (exit status 130).
 A damaged FILE is sent up to the damage, which is said (exit status 3); a FILE of another
@@ -79,6 +91,9 @@ struct Settings {
     std::uint64_t priority = 10;
     bool bSpin = false;
     std::string user; // --user, or empty
+    std::uint64_t count = UINT64_MAX;
+    std::string expression;
+    bool bJson = false;
 };
 
 // Where each frame goes on the scheduler's clock: the file's gaps divided by the speed, each
@@ -177,8 +192,11 @@ int Send(const std::string& path, const std::string& device, const Settings& set
     if (!BeginRun(RunPrivileges{settings.user, true, settings.priority > 0}, "send") || !MayOpenDevice(device, "send", false))
         return ExitFailure;
     FrameReader reader;
-    if (!reader.Open(path, false, false)) {
-        std::cerr << "lyrcap send: cannot read " << path << "\n";
+    if (!reader.Open(path, "send", false, false))
+        return ExitFailure;
+    std::string error;
+    if (!reader.SetFilter(settings.expression, error)) {
+        std::fprintf(stderr, "lyrcap send: the filter does not fit %s: %s\n", reader.Name().c_str(), error.c_str());
         return ExitFailure;
     }
     reader.SayIfNotFrames("send");
@@ -207,17 +225,22 @@ int Send(const std::string& path, const std::string& device, const Settings& set
     const double cpuBefore = scheduler.GetThreadCpuSeconds();
     const Lyr::PreciseScheduler::WaitTimes waitedBefore = scheduler.GetWaitTimes();
     Lyr::BufferPool pool(BuffersInFlight, BufferSize);
-    const bool bShow = isatty(STDERR_FILENO);
+    const bool bShow = isatty(STDERR_FILENO) && !Quiet();
     std::unique_ptr<Timeline> timeline;
     const auto start = std::chrono::steady_clock::now();
     bool bStopped = false;
     bool bWhole = true;
-    for (std::uint64_t pass = 0; pass < settings.loops && !bStopped; ++pass) {
+    for (std::uint64_t pass = 0; pass < settings.loops && !bStopped && tally.handed < settings.count; ++pass) {
         if (pass > 0) {
             reader.File().SeekBegin(0);
+            if (!timeline)
+                break; // a file with no frame to send
             timeline->NextPass();
         }
-        while (const Lyr::EthFrame* frame = reader.Next()) {
+        while (tally.handed < settings.count) {
+            const Lyr::EthFrame* frame = reader.Next();
+            if (!frame)
+                break;
             if (!timeline)
                 timeline = std::make_unique<Timeline>(frame->GetTimestamp(), settings);
             const unsigned long long at = timeline->Place(frame->GetTimestamp());
@@ -252,26 +275,57 @@ int Send(const std::string& path, const std::string& device, const Settings& set
     const unsigned long long failed = log.TransmitFailures(), late = tally.late.load();
     const unsigned long long sent = tally.handed - std::min(tally.handed, late + failed);
     const double cpu = scheduler.GetThreadCpuSeconds() - cpuBefore;
-    std::printf("frames sent: %llu\n", sent);
-    std::printf("dropped as late: %llu\n", late);
-    std::printf("transmit failures: %llu\n", failed);
-    if (reader.Refused() != 0)
-        std::printf("refused packets: %llu\n", static_cast<unsigned long long>(reader.Refused()));
-    if (settings.bTopSpeed)
-        std::printf("lateness (us): not measured at top speed\n");
-    else
-        std::printf("lateness (us): median %llu, p99 %llu, maximum %llu\n", lateness.medianUs, lateness.p99Us,
-                    lateness.maximumUs);
-    std::printf("handed over: %llu frames, %llu bytes in %.6f s (%.0f frames/s, %.1f Mbit/s)\n", tally.handed,
-                tally.bytes, elapsed, elapsed > 0 ? tally.handed / elapsed : 0.0,
-                elapsed > 0 ? tally.bytes * 8 / elapsed / 1e6 : 0.0);
-    std::printf("scheduler thread CPU: %.3f s (%.1f%% of the run)\n", cpu, elapsed > 0 ? 100 * cpu / elapsed : 0.0);
     const Lyr::PreciseScheduler::WaitTimes waited = scheduler.GetWaitTimes();
     const int priority = scheduler.GetThreadPriority();
-    const std::string scheduling = priority > 0 ? "realtime priority " + std::to_string(priority) : "ordinary priority";
-    std::printf("scheduler thread: %s%s, slept %.3f s, spun %.3f s\n", scheduling.c_str(),
-                settings.bSpin ? ", spinning through the gaps" : "",
-                waited.sleptSeconds - waitedBefore.sleptSeconds, waited.spunSeconds - waitedBefore.spunSeconds);
+    const double slept = waited.sleptSeconds - waitedBefore.sleptSeconds, spun = waited.spunSeconds - waitedBefore.spunSeconds;
+    if (settings.bJson) {
+        JsonObject summary;
+        summary.Add("file", reader.Name()).Add("device", device);
+        if (settings.expression.empty())
+            summary.AddNull("filter");
+        else
+            summary.Add("filter", settings.expression);
+        summary.Add("frames_sent", std::uint64_t(sent)).Add("dropped_late", std::uint64_t(late))
+            .Add("transmit_failures", std::uint64_t(failed)).Add("refused", std::uint64_t(reader.Refused()))
+            .Add("filtered_out", std::uint64_t(reader.Filtered()));
+        if (settings.bTopSpeed)
+            summary.AddNull("lateness_us");
+        else
+            summary.Add("lateness_us", JsonObject()
+                                           .Add("median", std::uint64_t(lateness.medianUs))
+                                           .Add("p99", std::uint64_t(lateness.p99Us))
+                                           .Add("maximum", std::uint64_t(lateness.maximumUs)));
+        summary.Add("handed_over_frames", std::uint64_t(tally.handed)).Add("handed_over_bytes", std::uint64_t(tally.bytes))
+            .Add("seconds", elapsed)
+            .Add("scheduler_cpu_seconds", cpu)
+            .Add("scheduler_priority", std::int64_t(priority))
+            .Add("spinning", settings.bSpin)
+            .Add("slept_seconds", slept)
+            .Add("spun_seconds", spun);
+        reader.DescribeDamage(summary);
+        summary.Add("interrupted", bStopped);
+        std::printf("%s\n", summary.Text().c_str());
+    } else {
+        std::printf("frames sent: %llu\n", sent);
+        std::printf("dropped as late: %llu\n", late);
+        std::printf("transmit failures: %llu\n", failed);
+        if (reader.Refused() != 0)
+            std::printf("refused packets: %llu\n", static_cast<unsigned long long>(reader.Refused()));
+        if (!settings.expression.empty())
+            std::printf("left out by the filter: %llu\n", static_cast<unsigned long long>(reader.Filtered()));
+        if (settings.bTopSpeed)
+            std::printf("lateness (us): not measured at top speed\n");
+        else
+            std::printf("lateness (us): median %llu, p99 %llu, maximum %llu\n", lateness.medianUs, lateness.p99Us,
+                        lateness.maximumUs);
+        std::printf("handed over: %llu frames, %llu bytes in %.6f s (%.0f frames/s, %.1f Mbit/s)\n", tally.handed,
+                    tally.bytes, elapsed, elapsed > 0 ? tally.handed / elapsed : 0.0,
+                    elapsed > 0 ? tally.bytes * 8 / elapsed / 1e6 : 0.0);
+        std::printf("scheduler thread CPU: %.3f s (%.1f%% of the run)\n", cpu, elapsed > 0 ? 100 * cpu / elapsed : 0.0);
+        const std::string scheduling = priority > 0 ? "realtime priority " + std::to_string(priority) : "ordinary priority";
+        std::printf("scheduler thread: %s%s, slept %.3f s, spun %.3f s\n", scheduling.c_str(),
+                    settings.bSpin ? ", spinning through the gaps" : "", slept, spun);
+    }
     if (!StandardOutputWritten("send"))
         return ExitFailure;
     if (bStopped)
@@ -283,13 +337,13 @@ int Send(const std::string& path, const std::string& device, const Settings& set
 
 int RunSend(const std::vector<std::string>& args)
 {
-    CommandLine line(args, {"--speed", "--loop", "--timeout", "--sndbuf", "--priority", "--user"}, {"--topspeed", "--spin"},
-                     {{"-Z", "--user"}});
+    CommandLine line(args, {"--speed", "--loop", "--timeout", "--sndbuf", "--priority", "--user", "--topspeed", "--spin",
+                            "--count", "--read", "--interface", "--quiet", "--json"});
     Settings settings;
     if (!line.Ok() || !line.Decimal("--speed", 0.001, 1000000, settings.speed) ||
         !line.Number("--loop", 1, 1000000000, settings.loops) ||
         !line.Number("--timeout", 0, ~0ULL, settings.timeout) || !line.Number("--sndbuf", 0, INT_MAX, settings.sendBuffer) ||
-        !line.Number("--priority", 0, 99, settings.priority))
+        !line.Number("--priority", 0, 99, settings.priority) || !line.Number("--count", 1, UINT64_MAX, settings.count))
         return UsageError("send", line.Error());
     if (line.Has("--help")) {
         std::cout << Help;
@@ -298,12 +352,21 @@ int RunSend(const std::vector<std::string>& args)
     settings.bTopSpeed = line.Has("--topspeed");
     settings.bTimeout = line.Has("--timeout");
     settings.bSpin = line.Has("--spin");
+    settings.bJson = line.Has("--json");
     if (settings.bTopSpeed && line.Has("--speed"))
         return UsageError("send", "--speed and --topspeed exclude each other");
-    if (line.Positional().size() != 2)
+    const std::string file = line.Take("--read");
+    const std::string device = line.Take("--interface");
+    if (file.empty() || device.empty())
         return UsageError("send", "needs a FILE and a DEVICE");
+    settings.expression = line.Rest();
+    std::string error;
+    if (!CheckFilter(settings.expression, error))
+        return UsageError("send", "the filter expression '" + settings.expression + "' does not compile (libpcap: " + error + ")");
     settings.user = line.Value("--user");
     if (line.Has("--user") && !UserExists(settings.user))
         return UsageError("send", "--user: no user '" + settings.user + "'");
-    return Send(line.Positional()[0], line.Positional()[1], settings);
+    if (line.Has("--quiet"))
+        BeQuiet();
+    return Send(file, device, settings);
 }

@@ -9,7 +9,7 @@
 const std::vector<Command>& AllCommands()
 {
     static const std::vector<Command> commands = {
-        {"info", "what a capture file holds: link type, packets, bytes, duration", RunInfo},
+        {"info", "what capture files hold: link type, packets, bytes, duration", RunInfo},
         {"replay", "print the frames of a capture file as the back-end delivers them", RunReplay},
         {"send", "put the frames of a capture file on the wire of a device, keeping their times", RunSend},
         {"convert", "record the frames of a capture file into a new Ethernet capture", RunConvert},

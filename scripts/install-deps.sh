@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, if any is missing.
 set -euo pipefail
-packages=(cmake ninja-build make g++ binutils pkg-config libpcap-dev libcap-dev libcap2-bin libgtest-dev tcpdump tshark tcpreplay iproute2 ethtool bash-completion "$@")
+packages=(cmake ninja-build make g++ binutils pkg-config libpcap-dev libcap-dev libcap2-bin libgtest-dev tcpdump tshark tcpreplay iproute2 ethtool jq time bash-completion "$@")
 missing=()
 for package in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")

@@ -30,7 +30,11 @@ offers() {
 # own) as "option" or "option VALUE"; every command takes --help.
 commands() { "$lyrcap" --help | awk '/^Commands:/ {on = 1; next} /^$/ {on = 0} on {print $1}' | sort; }
 options() {
-    { [ -z "$1" ] || echo "--help"; "$lyrcap" $1 --help | awk '/^Options:/ {on = 1; next} on && /^  -/ {print $1, ($2 ~ /^[A-Z]+$/ ? $2 : "")}'; } |
+    # "  -c, --count N  text": both forms, with the value's name.
+    { [ -z "$1" ] || echo "--help"; "$lyrcap" $1 --help | awk '/^Options:/ {on = 1; next} on && /^  -/ {
+            n = 0; value = ""
+            for (i = 1; i <= NF; i++) { w = $i; sub(/,$/, "", w); if (w ~ /^-/) names[++n] = w; else { if (w ~ /^[A-Z]+$/) value = w; break } }
+            for (j = 1; j <= n; j++) print names[j], value }'; } |
         sed 's/ $//' | sort -u
 }
 
@@ -43,7 +47,8 @@ for command in "" $(commands); do
     check "$name: every option of the help is offered" test "$(offers "${words[@]}" -)" = "$(options "$command" | cut -d' ' -f1)"
     while read -r option value; do
         case $value in
-            FILE) expected=$'plugin.so\ntrace.pcap' ;;
+            FILE | IN | OUT) expected=$'plugin.so\ntrace.pcap' ;;
+            DEVICE) expected=$(ls /sys/class/net | sort) ;;
             PATH) expected=plugin.so ;;
             USER) expected=$(compgen -u | sort -u) ;;
             *) expected="" ;; # a number, an address: nothing to offer
@@ -63,7 +68,9 @@ check "capture takes a device" bash -c "grep -qx lo <<<'$(offers capture "")'"
 check "send takes a file, then a device" \
     bash -c "grep -qx trace.pcap <<<'$(offers send "")' && grep -qx lo <<<'$(offers send trace.pcap "")'"
 check "list-devices takes nothing" test -z "$(offers list-devices "")"
-check "convert takes two files, then nothing" \
+check "convert takes two files, then nothing (a filter expression)" \
     test "$(offers convert trace.pcap "")|$(offers convert trace.pcap out.pcap "")" = $'plugin.so\ntrace.pcap|'
+check "-r, -w and -i stand for the arguments they give" test "$(offers send -r trace.pcap "" | grep -cx lo) \
+$(offers convert -w out.pcap "" | grep -cx trace.pcap) $(offers convert -w out.pcap trace.pcap "" | wc -l) $(offers capture -i lo "" | wc -l)" = "1 1 0 0"
 
 finish

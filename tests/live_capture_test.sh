@@ -185,6 +185,42 @@ for offloads in off on; do
 done
 ethtool -K lyrveth0 gro off >/dev/null 2>&1
 ip link set lyrveth0 mtu 1500 && ip link set lyrveth1 mtu 1500
+# Standard output: frames reach a reader while the capture runs, every one of them; a reader that
+# goes away ends the capture as a full disk does, said, with exit 1.
+{ "$lyrcap" capture -qi lyrveth0 -w - 2>"$dir/err"; echo $? >"$dir/exit"; } | tcpdump -U -r - -w "$dir/piped.pcap" 2>"$dir/reader.err" &
+check "capture -w - | tcpdump -r - carries every frame while the capture runs" await send eval 'test "$(packets "$dir/piped.pcap")" -ge 100'
+pkill -INT -f "capture -qi lyrveth0 -w -"; wait
+check "and ends with a whole record" test "$(cat "$dir/exit")" = 130 -a -z "$(grep -i "truncated\|error" "$dir/reader.err")"
+rm -f "$dir/exit"
+{ "$lyrcap" capture -i lyrveth0 -w - --seconds 120 2>"$dir/err"; echo $? >"$dir/exit"; } | head -c 100 >/dev/null &
+check "a capture whose reader goes away ends" await send test -s "$dir/exit"
+check "with exit 1, saying so" test "$(cat "$dir/exit")" = 1 -a \
+    -n "$(grep "^lyrcap capture: writing standard output failed: Broken pipe; [0-9]* frames\? reached it" "$dir/err")"
+wait
+# A filter expression: the back-end's own forms go to the kernel, anything else runs on the frames
+# received (the summary counts what it left out); the traffic is UDP to port 5000.
+for filter in "dst port 5001:0:" "udp and dst port 5000:50:, 0 left out" "not udp:0:, [1-9][0-9]* left out"; do
+    IFS=: read -r expression kept leftOut <<<"$filter"
+    "$lyrcap" capture -i lyrveth0 -c 50 --seconds 3 $expression 2>"$dir/err" & pid=$!
+    await send ended; wait "$pid"; pid=
+    check "capture '$expression' keeps $kept frames" grep -q "^$kept frames, .*refused$leftOut" "$dir/err"
+done
+# A ring by time: each file holds at most a second of frames by their stamps; frames 300 ms apart
+# run on from file to file, each once, and the summary (as JSON too) lists the files.
+"$make_fixture" bench "$dir/slow.pcap" --packets 12 --size 300 --gap-us 300000 >/dev/null
+"$lyrcap" capture -i lyrveth0 --seconds 120 -G 1 -w "$dir/timed.pcap" --json 'udp' >"$dir/json" 2>"$dir/err" & pid=$!
+await send grep -q "^[1-9][0-9]* frames, " "$dir/err" || await send test -s "$dir/timed_00001.pcap"
+"$lyrcap" send "$dir/slow.pcap" lyrveth1 --timeout 18446744073709551615 >/dev/null 2>&1
+kill -INT "$pid"; wait "$pid"; pid=
+span() { tcpdump -tt -r "$1" 2>/dev/null | awk 'NR == 1 {first = $1} {last = $1} END {print (last - first < 1) ? "short" : "long"}'; }
+files=$(jq -r '.files[]' "$dir/json")
+check "capture -G 1 writes files of less than a second each" test "$(for f in $files; do span "$f"; done | sort -u)" = short -a "$(wc -w <<<"$files")" -ge 3
+check "with every frame once, in order" test "$(sequence 300 $files | tr '\n' ' ')" = "$(for n in $(seq 0 11); do printf '%08x ' $n; done)"
+check "capture --json sums up in one object" test "$(jq -r '[.device, .files_removed, .interrupted] | @tsv' "$dir/json")" = $'lyrveth0\t0\ttrue'
+# send with -r, -i, -c and a filter, summed up in JSON.
+"$lyrcap" send -c 30 -r "$dir/traffic.pcap" -i lyrveth1 --json --topspeed udp >"$dir/json" 2>/dev/null
+check "send -r -i -c --json" test "$(jq -r '[.frames_sent, .handed_over_frames, .filter, .lateness_us] | @tsv' "$dir/json")" = $'30\t30\tudp\t'
+
 # Devices whose frames are not Ethernet frames: marked in the list, refused for capture.
 check "list-devices marks 'any' as not Ethernet, and not the pair" \
     test "$("$lyrcap" list-devices | grep -c '^any  (.*not Ethernet)\|^lyrveth0  (.*not Ethernet')" = 1
@@ -246,6 +282,7 @@ if mount -t tmpfs -o size=1500k tmpfs "$dir/full" 2>"$dir/mount.err"; then
         grep -q "^lyrcap capture: writing $dir/full/capture_00002.pcap failed: No space left on device; $kept frames reached the files, [1-9][0-9]* did not$" "$dir/err"
     check "what reached the file reads whole" test -z "$(tcpdump -r "$dir/full/capture_00002.pcap" 2>&1 >/dev/null | grep -i "truncated\|error")"
     wait
+    umount "$dir/full"
 else
     echo "skipped: the full file system (no tmpfs here: $(cat "$dir/mount.err"))"
 fi
