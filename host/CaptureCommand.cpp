@@ -313,8 +313,9 @@ int RunCapture(const std::vector<std::string>& args)
     // The live handle takes at most 9022 bytes of a packet, so a packet refused as incomplete was
     // larger than that: the device hands over what no Ethernet wire carried, or lets jumbo frames in.
     if (refused != 0)
-        std::fprintf(stderr, "lyrcap capture: %llu frames were larger than 9022 bytes and were refused: %s\n",
-                     static_cast<unsigned long long>(refused), WhyFramesAreLarge(device).c_str());
+        std::fprintf(stderr, "lyrcap capture: %llu %s larger than 9022 bytes and %s refused: %s\n",
+                     static_cast<unsigned long long>(refused), refused == 1 ? "frame was" : "frames were",
+                     refused == 1 ? "was" : "were", WhyFramesAreLarge(device).c_str());
     if (bJson) {
         JsonObject summary;
         summary.Add("device", device).Add("frames", std::uint64_t(tally.frames.load()))

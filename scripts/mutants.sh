@@ -33,15 +33,34 @@ build_and_test() { # log, then "packages" or nothing
       { [ "${2:-}" != packages ] || "$src/packaging/test-packages.sh" >>"$1" 2>&1; }
 }
 
+# A fault in code that runs on several threads, which the release suite misses, meets the
+# threaded tests under ThreadSanitizer too: a race may crash a release build only now and then,
+# where ThreadSanitizer reports it on every run.
+threaded() { # path
+    case "$1" in
+        framework/src/* | toolkit/src/* | plugin/PcapNetInputIf.* | plugin/PcapNetOutputIf.* | plugin/AsymmetricFence.* | \
+            plugin/PcapNetFile.* | host/StreamRelay.* | host/FrameReader.*) return 0 ;;
+    esac
+    return 1
+}
+tsan_build=$work/tsan
+tsan_and_test() { # log
+    { cmake -S "$src" -B "$tsan_build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DLYR_SANITIZE=thread -DLYR_BUILD_BENCHMARKS=OFF &&
+      cmake --build "$tsan_build"; } >"$1" 2>&1 &&
+      TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_tests "$1" "$tsan_build" -L threads
+}
+
 # The suite, ended as soon as its verdict is known: once a test has failed three times, or has
 # timed out once (a test that runs three minutes under a fault has hung, and its other tries,
 # or the tests still running beside it, would only cost minutes more).
-run_tests() { # log
-    setsid ctest --test-dir "$build" --no-tests=error -j2 --timeout 180 --stop-on-failure \
-        --repeat until-pass:3 --output-on-failure >>"$1" 2>&1 &
+run_tests() { # log [build directory, ctest arguments]
+    local log=$1 directory=${2:-$build}
+    shift $(($# < 2 ? $# : 2))
+    setsid ctest --test-dir "$directory" --no-tests=error -j2 --timeout 180 --stop-on-failure \
+        --repeat until-pass:3 --output-on-failure "$@" >>"$log" 2>&1 &
     local pid=$!
     while kill -0 "$pid" 2>/dev/null; do
-        if verdict_known "$1"; then
+        if verdict_known "$log"; then
             kill -TERM -- -"$pid" 2>/dev/null
             wait "$pid"
             return 1
@@ -77,6 +96,23 @@ fi
 retried=$(sed -n 's/.*Test *#[0-9]*: \([^ ]*\) .*\*\*\*.*/\1/p' "$logs/unmutated.log" | sort -u | tr '\n' ' ')
 [ -z "$retried" ] || echo "warning: these tests passed only when tried again: $retried"
 
+# The ThreadSanitizer suite of the unmutated copy, run once, when a fault first needs it.
+tsan_state=""
+tsan_ready() {
+    if [ -z "$tsan_state" ]; then
+        tsan_state=bad
+        restore_for_tsan
+        if tsan_and_test "$logs/unmutated.tsan.log"; then tsan_state=good; else
+            echo "warning: the unmutated copy fails under ThreadSanitizer ($(what_failed "$logs/unmutated.tsan.log")): no fault runs there" >&2
+        fi
+        reapply_for_tsan
+    fi
+    [ "$tsan_state" = good ]
+}
+# The fault is taken out while the unmutated copy is checked, and put back after.
+restore_for_tsan() { [ -z "$mutated" ] || { cp "$mutated" "$work/mutated" && cp "$saved" "$mutated"; }; }
+reapply_for_tsan() { [ -z "$mutated" ] || cp "$work/mutated" "$mutated"; }
+
 # While a fault is in, it is taken out again however the script ends.
 mutated="" saved=$work/saved
 restore() { if [ -n "$mutated" ]; then cp "$saved" "$mutated"; mutated=""; fi; }
@@ -107,11 +143,14 @@ while IFS=$'\t' read -r -u 3 path old new; do
             packaging/*) suite=packages ;;
             *) suite="" ;;
         esac
-        if build_and_test "$log" $suite; then
-            result="MISSED"
-        else
+        if ! build_and_test "$log" $suite; then
             result="caught by $(what_failed "$log")"
             caught=$((caught + 1))
+        elif threaded "$path" && tsan_ready && ! tsan_and_test "$log.tsan"; then
+            result="caught under ThreadSanitizer by $(what_failed "$log.tsan")"
+            caught=$((caught + 1))
+        else
+            result="MISSED"
         fi
         restore
     fi

@@ -1,6 +1,7 @@
 // Capture files: the scan, frames and seeks of one being read, files that the field's own tools
 // made, and recording frames into one, with what libpcap makes of it.
 #include "support/CaptureFiles.h"
+#include "support/Descriptors.h"
 
 #include <gtest/gtest.h>
 
@@ -43,19 +44,6 @@ std::vector<fixture::Record> FourPackets(fixture::Precision precision = fixture:
 
 const std::string NegativeInGetPosition = "GetPosition(): Negative time value, file could be corrupted.\n";
 
-// The descriptors this process has open: a handle that a reconfiguration or a seek forgets to
-// close shows up here, however many times the operation runs.
-size_t OpenDescriptors()
-{
-    size_t count = 0;
-    if (DIR* listing = opendir("/proc/self/fd")) {
-        while (readdir(listing))
-            ++count;
-        closedir(listing);
-    }
-    return count;
-}
-
 // Hands `bytes` to Write as a frame whose buffer has room behind them, which Write leaves out.
 void Put(PcapNetFile& to, std::vector<uint8_t> bytes, unsigned long long stamp)
 {
@@ -75,6 +63,11 @@ TEST_F(CaptureFile, ScanGivesProgressAndDurationPastThirtyTwoBitsAndStartsAtTheF
     const std::string path = Write("three.pcap", {Packet(Now, 0, 100, 100), Packet(Now, 200000, 200, 200),
                                                   Packet(Now, 300999, 300, 300)}); // 300.999 ms: whole ms only
     file.StopParsingFile(); // nothing running: returns at once
+    // Before its first scan an object has made no progress, also once it reads a file whose
+    // duration it was told.
+    EXPECT_EQ(file.GetParseProgress(), 0u);
+    ASSERT_TRUE(file.ConfigureFile(path, ReadMode, 12345));
+    EXPECT_EQ(file.GetParseProgress(), 0u);
     ASSERT_TRUE(file.ConfigureFile(path, ReadMode, 0));
     EXPECT_EQ(file.GetParseProgress(), 500u); // the first packet is not in the count
     EXPECT_EQ(file.GetDuration(), 300u);

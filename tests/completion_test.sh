@@ -64,7 +64,7 @@ check "an option's value is no argument" test "$(offers replay --count 5 "")" = 
 for flag in --topspeed --spin; do
     check "a flag takes no value: $flag" bash -c "grep -qx lo <<<'$(offers send trace.pcap $flag "")'"
 done
-check "capture takes a device" bash -c "grep -qx lo <<<'$(offers capture "")'"
+check "capture takes a device, also after -w FILE" bash -c "grep -qx lo <<<'$(offers capture "")' && grep -qx lo <<<'$(offers capture -w trace.pcap "")'"
 check "send takes a file, then a device" \
     bash -c "grep -qx trace.pcap <<<'$(offers send "")' && grep -qx lo <<<'$(offers send trace.pcap "")'"
 check "list-devices takes nothing" test -z "$(offers list-devices "")"

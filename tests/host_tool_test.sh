@@ -160,8 +160,10 @@ mkfifo "$dir/fifo"
 cat "$eth" >"$dir/fifo" &
 check "info reads a FIFO whole" test "$("$lyrcap" info "$dir/fifo" 2>&1 | tail -n +2)" = "$("$lyrcap" info "$eth" 2>&1 | tail -n +2)"
 wait
-check "convert to standard output carries every frame, as tcpdump reads them" \
-    test "$("$lyrcap" convert "$eth" - 2>/dev/null | tcpdump -tt -nn -xx -r - 2>/dev/null)" = "$(tcpdump -tt -nn -xx -r "$eth" 2>/dev/null)"
+check "convert to standard output carries every frame, as tcpdump and tshark read them" \
+    test "$("$lyrcap" convert "$eth" - 2>/dev/null | tcpdump -tt -nn -xx -r - 2>/dev/null)" = "$(tcpdump -tt -nn -xx -r "$eth" 2>/dev/null)" -a \
+    "$("$lyrcap" convert "$raw" - 2>/dev/null | tshark -r - -T fields -e frame.time_epoch -e ip.src -e ip.dst -e udp.length 2>/dev/null)" = \
+    "$(tshark -r "$raw" -T fields -e frame.time_epoch -e ip.src -e ip.dst -e udp.length 2>/dev/null)"
 "$lyrcap" convert "$dir/long.pcap" - 2>"$dir/err" | head -c 1000 >/dev/null
 check "a conversion whose reader goes away exits 1" test "${PIPESTATUS[0]}" = 1
 check "and says so, with the frames that reached it" grep -q "^lyrcap convert: writing standard output failed: Broken pipe; [0-9]* frames reached it, [1-9][0-9]* did not$" "$dir/err"
@@ -280,12 +282,23 @@ done
 fails "convert of a LINUX_SLL2 file" "holds packets of link type LINUX_SLL2 (Linux cooked v2, 276), not Ethernet frames or bare IP packets" \
     convert "$dir/sll2.pcap" "$dir/sll2-copy.pcap"
 check "and writes nothing" test ! -e "$dir/sll2-copy.pcap"
-# Stamps finer than a microsecond: convert says how many of those it wrote lost their nanoseconds.
-"$make_fixture" bench "$dir/fine.pcap" --packets 10 --size 60 --nano --gap-ns 1500 >/dev/null
-for count in 10 4; do
-    check "convert --count $count of a file with a fine stamp in every other frame counts $((count / 2))" \
-        test "$(status "$lyrcap" convert "$dir/fine.pcap" "$dir/x.pcap" --count $count; grep -c "^lyrcap convert: $((count / 2)) frames read had time stamps finer than a microsecond: $dir/x.pcap keeps them" "$dir/err")" = "$(printf '0\n1')"
+# Stamps finer than a microsecond: convert says how many of those it read lost their nanoseconds,
+# in classic files of either byte order and in pcapng.
+for format in "" --big-endian --pcapng; do
+    "$make_fixture" bench "$dir/fine.pcap" --packets 10 --size 60 --nano --gap-ns 1500 $format >/dev/null
+    for count in 10 4; do
+        check "convert --count $count of a file ($format) with a fine stamp in every other frame counts $((count / 2))" \
+            test "$(status "$lyrcap" convert "$dir/fine.pcap" "$dir/x.pcap" --count $count; grep -c "^lyrcap convert: $((count / 2)) frames read had time stamps finer than a microsecond: $dir/x.pcap keeps them" "$dir/err")" = "$(printf '0\n1')"
+    done
 done
+# Damage that a reading stopped before it is not said; a refused packet before the damage is not
+# among the frames before it.
+"$make_fixture" bench "$dir/bad" --packets 3 --size 60 >/dev/null
+printf "$(le32 61)" | dd of="$dir/bad" bs=1 seek=36 conv=notrunc 2>/dev/null # the first packet's length: refused
+printf "$(le32 4294967295)" | dd of="$dir/bad" bs=1 seek=184 conv=notrunc 2>/dev/null # the third's captured length
+check "replay -c 1 of a file damaged after its first frame says nothing of the damage" \
+    test "$(status "$lyrcap" replay -c 1 "$dir/bad"; grep -c "damaged" "$dir/err")" = $'0\n0'
+check "the damage comes after 1 frame, the refused packet apart" test "$(status "$lyrcap" replay "$dir/bad"; grep -c "at byte 176, after 1 frame: " "$dir/err")" = $'3\n1'
 
 # Usage errors: a bad count, port or host, an unknown option (before the command too) or command,
 # a missing argument, options that exclude each other, and a copy onto its own input, also by a

@@ -170,21 +170,41 @@ wait
 # the status line and in the summary, which says once why they came and how to stop them: an
 # MTU that lets them in, and a device that merges packets (GRO on a veth pair).
 ip link set lyrveth0 mtu 12000 && ip link set lyrveth1 mtu 12000
-"$make_fixture" bench "$dir/jumbo.pcap" --packets 5 --size 12000 >/dev/null
-for offloads in off on; do
+for round in "off 1" "on 5"; do
+    read -r offloads jumbo <<<"$round"
     ethtool -K lyrveth0 gro "$offloads" >/dev/null 2>&1 || [ "$offloads" = off ] || { echo "skipped: GRO on a veth pair"; break; }
+    "$make_fixture" bench "$dir/jumbo.pcap" --packets "$jumbo" --size 12000 >/dev/null
     start_capture -w "$dir/jumbo-capture.pcap"
     tcpreplay -q -i lyrveth1 "$dir/jumbo.pcap" >/dev/null 2>&1
-    check "with GRO $offloads, the status line counts five refused frames apart from the drops" \
-        await "" grep -q "^[0-9]* frames, .*, [0-9]* dropped, 5 refused, [0-9]* frames/s$" "$dir/err"
+    check "with GRO $offloads, the status line counts $jumbo refused frames apart from the drops" \
+        await "" grep -q "^[0-9]* frames, .*, [0-9]* dropped, $jumbo refused, [0-9]* frames/s$" "$dir/err"
     kill -INT "$pid"; wait "$pid"; pid=
     advice="lyrveth0's MTU of 12000 lets such frames in; to keep them out: ip link set lyrveth0 mtu 9004"
     [ "$offloads" = off ] || advice="lyrveth0 merges the packets it receives into larger ones (receive offloads); to capture them as they came: ethtool -K lyrveth0 gro off lro off; $advice"
-    check "and the summary too, with why they came, once" test "$(grep -c "captured in .*, [0-9]* dropped, 5 refused, recorded to \|^lyrcap capture: 5 frames were larger than 9022 bytes and were refused: $advice$" "$dir/err")" = 2
+    check "and the summary too, with why they came, once" test "$(grep -c "captured in .*, [0-9]* dropped, $jumbo refused, recorded to \|^lyrcap capture: $jumbo frames\? \(were\|was\) larger than 9022 bytes and \(were\|was\) refused: $advice$" "$dir/err")" = 2
     check "the recording holds none of them" test "$(sequence 12000 "$dir/jumbo-capture.pcap" | wc -l)" = 0
 done
 ethtool -K lyrveth0 gro off >/dev/null 2>&1
 ip link set lyrveth0 mtu 1500 && ip link set lyrveth1 mtu 1500
+# capture's own figures. Without -w it exits 0 when its count is reached. Each status line's rate
+# is the frames since the line before over the time between them, a second or a little more.
+"$lyrcap" capture -i lyrveth0 -c 600 --seconds 120 2>"$dir/err" & pid=$!
+for _ in $(seq 100); do ended && break; tcpreplay -q -i lyrveth1 "$dir/traffic.pcap" >/dev/null 2>&1; sleep 0.5; done
+wait "$pid"; check "a capture without -w exits 0 at its count" test $? = 0; pid=
+check "each status line's rate is the frames since the last over a second or so" awk -F'[ ,]+' '
+    /frames\/s$/ { delta = $1 - last; last = $1; lines++; if ($(NF - 1) > delta || $(NF - 1) < delta / 3) bad++ }
+    END { exit !(lines >= 2 && !bad) }' "$dir/err"
+# Drops that come after the last status line are in the summary: the capture is stopped while far
+# more frames arrive than the kernel's buffer holds, then ended as soon as it runs again.
+"$make_fixture" bench "$dir/flood.pcap" --packets 60000 --size 64 >/dev/null
+start_capture
+kill -STOP "$pid"
+"$lyrcap" send "$dir/flood.pcap" lyrveth1 --topspeed >/dev/null 2>&1
+kill -INT "$pid"; kill -CONT "$pid"; wait "$pid"; pid=
+dropped=$(sed -n 's/.* captured in .*, \([0-9]*\) dropped.*/\1/p' "$dir/err")
+check "drops after the last status line are in the summary ($dropped)" test "${dropped:-0}" -gt 0 -a \
+    "$(grep -c "frames/s$" "$dir/err") $(grep "frames/s$" "$dir/err" | tail -1 | sed 's/.* \([0-9]*\) dropped.*/\1/')" != "0 "
+
 # Standard output: frames reach a reader while the capture runs, every one of them; a reader that
 # goes away ends the capture as a full disk does, said, with exit 1.
 { "$lyrcap" capture -qi lyrveth0 -w - 2>"$dir/err"; echo $? >"$dir/exit"; } | tcpdump -U -r - -w "$dir/piped.pcap" 2>"$dir/reader.err" &
@@ -229,9 +249,10 @@ check "capture refuses 'any' with the reason" test "$("$lyrcap" capture any --se
         "recorded as Ethernet frames they would pass for what they are not; capture from a device of its own ('lyrcap list-devices' marks the others)")"
 # A damaged file is sent up to the damage, which send names (exit 3).
 head -c $((24 + 3 * 216 + 50)) "$dir/traffic.pcap" >"$dir/cut.pcap"
-"$lyrcap" send "$dir/cut.pcap" lyrveth1 --timeout 18446744073709551615 >"$dir/out" 2>"$dir/err"
-check "send of a cut file exits 3, having sent the three frames before the cut" test "$?:$(head -1 "$dir/out")" = "3:frames sent: 3"
-check "and says where the file was cut" grep -q "^lyrcap send: $dir/cut.pcap is cut short: it ends inside the record at byte 672, after 3 frames: truncated" "$dir/err"
+"$lyrcap" send "$dir/cut.pcap" lyrveth1 --loop 2 --timeout 18446744073709551615 >"$dir/out" 2>"$dir/err"
+check "send --loop 2 of a cut file exits 3, having sent the three frames before the cut twice" test "$?:$(head -1 "$dir/out")" = "3:frames sent: 6"
+check "and says once where the file was cut" \
+    test "$(grep -c "^lyrcap send: $dir/cut.pcap is cut short: it ends inside the record at byte 672, after 3 frames: truncated" "$dir/err")" = 1
 # --user: the whole run is nobody's, every thread keeping CAP_NET_RAW and, for its realtime
 # priority, CAP_SYS_NICE; its file is nobody's, and a device that goes away and comes back is
 # opened again.

@@ -2,6 +2,7 @@
 #include "PcapNetOutputIf.h"
 #include "support/CaptureFiles.h"
 #include "support/CountingAllocator.h"
+#include "support/Descriptors.h"
 #include "support/NetworkSandbox.h"
 #include "support/SchedulerProbe.h"
 #include "support/Wire.h"
@@ -143,6 +144,27 @@ TEST_F(LiveOutput, ConfigureIfAndTheEndAnnounceTheirStatesAndLetPendingFramesLea
     const std::vector<std::string> lines = log.Take();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(lines[0].rfind(failed, 0) == 0 && lines[0].size() > failed.size() + 1 && lines[0].back() == '\n') << lines[0];
+}
+
+// The port holds one socket however often it is configured, none once a configuration failed,
+// and none once it has ended.
+TEST_F(LiveOutput, APortConfiguredAgainAndAgainHoldsOneSocketAndNoneAtTheEnd)
+{
+    const std::size_t before = OpenDescriptors();
+    {
+        PcapNetOutputIf port;
+        port.ConfigureIf(First());
+        const std::size_t open = OpenDescriptors();
+        EXPECT_GT(open, before);
+        for (int i = 0; i < 50; ++i)
+            port.ConfigureIf(i % 2 ? First() : Second());
+        EXPECT_EQ(OpenDescriptors(), open);
+        port.ConfigureIf("lyrnosuchdev0");
+        EXPECT_EQ(OpenDescriptors(), before);
+        port.ConfigureIf(Second());
+        EXPECT_EQ(OpenDescriptors(), open);
+    }
+    EXPECT_EQ(OpenDescriptors(), before);
 }
 
 TEST_F(LiveOutput, TheSendBufferSizeTakesEffectAsStoredAtTheNextConfigureIf)
