@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Makes the emulated 32-bit ARM board that the live tests run on, from Debian's packages alone:
 # qemu-system-arm, Debian's armhf kernel, and a root file system for an initramfs: busybox, dash,
-# bash, coreutils, util-linux, iproute2, tcpdump and tcpreplay with the libraries they load,
+# bash, coreutils, util-linux, iproute2, ethtool, jq, tcpdump and tcpreplay with the libraries they load,
 # libpcap, libcap, the C and C++ run-time libraries, and the veth module. Kept in build/arm/board, and
 # made again only when this script changes.
 #   arm/setup-board.sh
@@ -15,7 +15,7 @@ stamp=$(sha1sum <"$0")
 [ "$(cat "$board/.complete" 2>/dev/null)" = "$stamp" ] && exit 0
 
 source "$root/arm/packages.sh"
-userland=(busybox-static:armhf dash:armhf bash:armhf coreutils:armhf util-linux:armhf iproute2:armhf
+userland=(busybox-static:armhf dash:armhf bash:armhf coreutils:armhf util-linux:armhf iproute2:armhf ethtool:armhf jq:armhf
     tcpdump:armhf tcpreplay:armhf libpcap0.8:armhf libcap2:armhf libc6:armhf libstdc++6:armhf libgcc-s1:armhf)
 
 fetch_board_packages() {
