@@ -16,15 +16,21 @@
 #              (0: none)
 #   --throughput [ROUNDS]  runs only the throughput part, ROUNDS times (default 1), and adds
 #              lyrcap with jemalloc preloaded (Debian's libjemalloc2), to judge the allocator
+#   --spin [RUNS]  runs only lyrcap send --spin, RUNS times (default 10) on each of 10,000 frames
+#              at 1 ms and 20,000 at 100 us, quiet and then beside two busy loops: each run's late
+#              drops, longest stall of the scheduler's thread and gaps at the far end
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-load=0 pacing_only="" throughput_only="" rounds=1
+load=0 pacing_only="" throughput_only="" spin_only="" rounds=1
 if [ "${1:-}" = --load ]; then
     load=${2:?--load needs a count}
     pacing_only=yes
 elif [ "${1:-}" = --throughput ]; then
     throughput_only=yes
     rounds=${2:-1}
+elif [ "${1:-}" = --spin ]; then
+    spin_only=yes pacing_only=yes
+    rounds=${2:-10}
 fi
 build=${BUILD:-$root/build/release}
 pacing_frames=${PACING_FRAMES:-100000}
@@ -86,22 +92,46 @@ paced() { # file, then the sending command
     local dump=$!
     sleep 1
     inside "$@" >"$work/sender.out" 2>&1
-    sleep 0.5
+    # tcpdump hands the kernel's last, partly filled block over after its timeout of a second:
+    # stopped sooner, it would miss the last frames.
+    sleep 1.5
     kill -TERM $dump
     wait $dump || true
     "$build/benchmarks/bench-wire-gaps" "$file" "$work/wire.pcap" || true
 }
 
-# What lyrcap send said of its scheduler: late drops, lateness, CPU share, priority, waiting.
+# What lyrcap send said of its scheduler: late drops, frames it handed over after their time,
+# lateness, the longest that the scheduler's thread stood still, CPU share, priority, waiting.
 scheduler_figures() {
-    local late cpu thread lateness
+    local late behind stall cpu thread lateness
     late=$(field 'dropped as late: \([0-9]*\)' <"$work/sender.out")
+    behind=$(field 'handed over after their time: \(.*\) (the reading' <"$work/sender.out")
     lateness=$(field 'lateness (us): \(.*\)' <"$work/sender.out")
+    stall=$(field 'stood still \([0-9.]* ms\) at the longest' <"$work/sender.out")
     cpu=$(field 'scheduler thread CPU: .*(\([0-9.]*%\) of the run)' <"$work/sender.out")
-    thread=$(field 'scheduler thread: \(.*\)' <"$work/sender.out")
-    echo "    late drops $late; lateness us: $lateness; scheduler thread CPU $cpu, $thread"
+    thread=$(field 'scheduler thread: \(.*\), slept' <"$work/sender.out")
+    echo "    late drops $late, handed over late ${behind:-none}; longest stall $stall; lateness us: $lateness; scheduler thread CPU $cpu, $thread"
 }
 
+if [ -n "$spin_only" ]; then
+    for load in 0 2; do
+        for _ in $(seq 1 "$load"); do
+            (while :; do :; done) &
+            loops+=($!)
+        done
+        for case in "10000 1000" "20000 100"; do
+            read -r frames gap <<<"$case"
+            file="$work/spin$gap.pcap"
+            "$fixture" bench "$file" --packets "$frames" --size 100 --gap-us "$gap" >/dev/null
+            echo "== send --spin: $frames frames, $gap us gaps, $load busy loops beside it, $rounds runs"
+            for run in $(seq 1 "$rounds"); do
+                printf "run %2d: " "$run"; paced "$file" "$lyrcap" send "$file" v0 --spin
+                scheduler_figures
+            done
+        done
+    done
+    exit 0
+fi
 for _ in $(seq 1 "$load"); do
     (while :; do :; done) &
     loops+=($!)

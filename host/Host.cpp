@@ -159,6 +159,13 @@ void StartAtRealtimePriority(int priority, const std::string& what, const std::f
         pthread_setschedparam(pthread_self(), policy, &previous);
 }
 
+bool SetRealtimePriority(int priority)
+{
+    sched_param wanted{};
+    wanted.sched_priority = priority;
+    return pthread_setschedparam(pthread_self(), SCHED_FIFO, &wanted) == 0;
+}
+
 void InstallSignalHandlers()
 {
     std::signal(SIGINT, OnInterrupt);

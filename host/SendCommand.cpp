@@ -153,6 +153,8 @@ private:
 struct Tally {
     unsigned long long handed = 0;
     unsigned long long bytes = 0;
+    unsigned long long handedLate = 0;    // after their time: the reading fell behind
+    unsigned long long worstBehindUs = 0;
     std::atomic<unsigned long long> late{0};
     std::chrono::steady_clock::time_point lastShown = std::chrono::steady_clock::now();
 };
@@ -172,19 +174,46 @@ void ShowStatus(const Tally& tally, unsigned long long failed)
                  tally.handed, sent, late, failed, scheduler.GetQueuedCount());
 }
 
-// Waits while `busy()` holds, showing the status now and then; false on Ctrl-C if `bStoppable`.
-template <typename Busy> bool WaitWhile(Busy busy, Tally& tally, const LogWatch& log, bool bShow, bool bStoppable)
+// Waits as long as `pause()` says (in µs; 0: no more), showing the status now and then; false
+// on Ctrl-C if `bStoppable`.
+template <typename Pause> bool WaitWhile(Pause pause, Tally& tally, const LogWatch& log, bool bShow, bool bStoppable)
 {
-    while (busy()) {
+    for (unsigned long long us; (us = pause()) != 0;) {
         if (bStoppable && Interrupted())
             return false;
-        std::this_thread::sleep_for(std::chrono::microseconds(50));
+        std::this_thread::sleep_for(std::chrono::microseconds(us));
         if (bShow && SecondsSince(tally.lastShown) > 0.5) {
             ShowStatus(tally, log.TransmitFailures());
             tally.lastShown = std::chrono::steady_clock::now();
         }
     }
     return true;
+}
+
+// What keeps a thread that spins through the gaps from keeping time, as the system is set up;
+// "" where nothing does. It spins up to 800 ms of each second at realtime priority.
+std::string SpinHindrance()
+{
+    long long runtime = -1, period = 1000000;
+    if (std::FILE* limit = std::fopen("/proc/sys/kernel/sched_rt_runtime_us", "re")) {
+        if (std::fscanf(limit, "%lld", &runtime) != 1)
+            runtime = -1;
+        std::fclose(limit);
+    }
+    if (std::FILE* length = std::fopen("/proc/sys/kernel/sched_rt_period_us", "re")) {
+        if (std::fscanf(length, "%lld", &period) != 1 || period <= 0)
+            period = 1000000;
+        std::fclose(length);
+    }
+    if (runtime >= 0 && runtime * 10 < period * 9)
+        return "the kernel lets realtime threads run only " + std::to_string(runtime / 1000) + " ms of every " +
+               std::to_string(period / 1000) +
+               " ms (kernel.sched_rt_runtime_us), and stops the spinning thread for the rest: frames will leave "
+               "late; the default is 950000";
+    if (sysconf(_SC_NPROCESSORS_ONLN) < 2)
+        return "this machine has one core, which the spinning thread takes for most of each second from the thread "
+               "that reads the file: frames will leave late; send without --spin";
+    return "";
 }
 
 int Send(const std::string& path, const std::string& device, const Settings& settings)
@@ -204,6 +233,13 @@ int Send(const std::string& path, const std::string& device, const Settings& set
     // makes it; it wakes on time on a busy machine only at realtime priority.
     StartAtRealtimePriority(static_cast<int>(settings.priority), "the scheduler's thread runs",
                             [] { Lyr::PreciseScheduler::GetInstance(); });
+    // The reading thread runs at realtime priority too, one below the scheduler's: an ordinary
+    // thread that shares its core with the scheduler's (as it does when it wakes it, or at the
+    // start, where the new thread begins on its maker's core) waits until the kernel moves it,
+    // tens of milliseconds behind a thread that spins, and frames that it hands over that late
+    // are dropped as late. A realtime thread that a higher one takes the core from moves at once.
+    if (settings.priority > 0)
+        SetRealtimePriority(std::max(static_cast<int>(settings.priority) - 1, 1));
     std::unique_ptr<Lyr::NetOutputIf> output = Lyr::CreatePlugin<Lyr::NetOutputIf>("pcap");
     if (!output) {
         std::cerr << "lyrcap: the plug-in registered no output back-end \"pcap\"\n";
@@ -220,6 +256,9 @@ int Send(const std::string& path, const std::string& device, const Settings& set
         return ExitFailure;
 
     Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
+    const std::string hindrance = settings.bSpin && settings.priority > 0 ? SpinHindrance() : "";
+    if (!hindrance.empty())
+        std::fprintf(stderr, "lyrcap send: --spin: %s\n", hindrance.c_str());
     scheduler.SetSpinning(settings.bSpin);
     scheduler.ResetLatenessStatistics();
     const double cpuBefore = scheduler.GetThreadCpuSeconds();
@@ -244,13 +283,25 @@ int Send(const std::string& path, const std::string& device, const Settings& set
             if (!timeline)
                 timeline = std::make_unique<Timeline>(frame->GetTimestamp(), settings);
             const unsigned long long at = timeline->Place(frame->GetTimestamp());
-            auto busy = [&] {
-                return scheduler.GetQueuedCount() >= QueuedAhead || pool.GetFreeCount() == 0 ||
-                       (!settings.bTopSpeed && at > scheduler.GetPresentTimestamp() + WindowUs);
+            // A full queue or pool empties by a frame per gap: looked at again soon. A frame
+            // beyond the window waits until it enters it, in one sleep (at most 100 ms, for
+            // Ctrl-C and the status line), not in thousands.
+            auto pause = [&]() -> unsigned long long {
+                if (scheduler.GetQueuedCount() >= QueuedAhead || pool.GetFreeCount() == 0)
+                    return 50;
+                const unsigned long long present = scheduler.GetPresentTimestamp();
+                return settings.bTopSpeed || at <= present + WindowUs ? 0 : std::min(at - present - WindowUs, 100000ULL);
             };
-            if (!WaitWhile(busy, tally, log, bShow, true)) {
+            if (!WaitWhile(pause, tally, log, bShow, true)) {
                 bStopped = true;
                 break;
+            }
+            // A frame handed over after its time leaves late, or is dropped as late: the reading
+            // fell behind, not the scheduler.
+            const unsigned long long present = scheduler.GetPresentTimestamp();
+            if (!settings.bTopSpeed && present > at) {
+                ++tally.handedLate;
+                tally.worstBehindUs = std::max(tally.worstBehindUs, present - at);
             }
             // The event keeps the frame's buffer until it has run, so each frame gets its own.
             const Kt::CSlice<unsigned char> bytes = frame->GetData();
@@ -265,7 +316,7 @@ int Send(const std::string& path, const std::string& device, const Settings& set
     }
     // Every buffer back in the pool: every event has run and ended. Frames already handed over
     // are at most the window ahead, so this wait is short also after Ctrl-C.
-    WaitWhile([&] { return pool.GetFreeCount() != BuffersInFlight; }, tally, log, false, false);
+    WaitWhile([&] { return pool.GetFreeCount() != BuffersInFlight ? 50ULL : 0ULL; }, tally, log, false, false);
     const double elapsed = SecondsSince(start);
     scheduler.SetSpinning(false); // the core is free again while the tool ends
     if (bShow)
@@ -301,7 +352,10 @@ int Send(const std::string& path, const std::string& device, const Settings& set
             .Add("scheduler_priority", std::int64_t(priority))
             .Add("spinning", settings.bSpin)
             .Add("slept_seconds", slept)
-            .Add("spun_seconds", spun);
+            .Add("spun_seconds", spun)
+            .Add("longest_stall_seconds", waited.longestStallSeconds)
+            .Add("handed_over_late", std::uint64_t(tally.handedLate))
+            .Add("most_behind_us", std::uint64_t(tally.worstBehindUs));
         reader.DescribeDamage(summary);
         summary.Add("interrupted", bStopped);
         std::printf("%s\n", summary.Text().c_str());
@@ -323,8 +377,12 @@ int Send(const std::string& path, const std::string& device, const Settings& set
                     elapsed > 0 ? tally.bytes * 8 / elapsed / 1e6 : 0.0);
         std::printf("scheduler thread CPU: %.3f s (%.1f%% of the run)\n", cpu, elapsed > 0 ? 100 * cpu / elapsed : 0.0);
         const std::string scheduling = priority > 0 ? "realtime priority " + std::to_string(priority) : "ordinary priority";
-        std::printf("scheduler thread: %s%s, slept %.3f s, spun %.3f s\n", scheduling.c_str(),
-                    settings.bSpin ? ", spinning through the gaps" : "", slept, spun);
+        std::printf("scheduler thread: %s%s, slept %.3f s, spun %.3f s, stood still %.3f ms at the longest\n",
+                    scheduling.c_str(), settings.bSpin ? ", spinning through the gaps" : "", slept, spun,
+                    waited.longestStallSeconds * 1000);
+        if (tally.handedLate != 0)
+            std::printf("handed over after their time: %llu frames, at most %.3f ms behind (the reading fell behind)\n",
+                        tally.handedLate, static_cast<double>(tally.worstBehindUs) / 1000);
     }
     if (!StandardOutputWritten("send"))
         return ExitFailure;

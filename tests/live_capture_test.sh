@@ -341,6 +341,14 @@ check "send --spin sends a paced file whole and in order" \
 check "and its thread spins through the gaps" test "$(grep -c "spinning through the gaps" "$dir/out")/$(spun)" = 1/most
 "$lyrcap" send "$dir/paced.pcap" lyrveth1 --timeout 18446744073709551615 >"$dir/out" 2>"$dir/send.err"
 check "without --spin it sleeps through them" test "$(grep -c "spinning" "$dir/out")/$(spun)" = 0/little
+# The summary tells how long the spinning thread stood still at the worst: the process is stopped
+# for 0.3 s four times, most of which land while the thread spins.
+"$make_fixture" bench "$dir/paced3.pcap" --packets 600 --size 300 --gap-us 5000 >/dev/null
+"$lyrcap" send "$dir/paced3.pcap" lyrveth1 --spin --timeout 18446744073709551615 >"$dir/out" 2>"$dir/send.err" & pid=$!
+for _ in 1 2 3 4; do sleep 0.2; kill -STOP "$pid"; sleep 0.3; kill -CONT "$pid"; done
+wait "$pid"; pid=
+check "send --spin says how long its thread stood still, at least a stop's 300 ms" \
+    awk '/stood still/ { for (i = 1; i < NF; i++) if ($i == "still") found = ($(i + 1) >= 250) } END { exit !found }' "$dir/out"
 # --user: the scheduler's thread is nobody's too, with the same narrow set; a root run keeps
 # CAP_DAC_OVERRIDE beside it.
 for user in nobody ""; do

@@ -61,6 +61,7 @@ struct PreciseScheduler::State {
             }
             const Nanoseconds deadline = queue.Front().deadline;
             Nanoseconds now = Monotonic();
+            waiting.RanAt(now);
             if (now < deadline) {
                 if (!waiting.UntilDue(deadline, now))
                     return;
@@ -70,6 +71,7 @@ struct PreciseScheduler::State {
                 if (intake.Ending())
                     return;
                 now = RunEvent(queue.Pop(), now);
+                waiting.Resumed(now); // an event that takes long is no stall of the thread
             }
         }
     }
@@ -170,6 +172,7 @@ PreciseScheduler::LatenessStatistics PreciseScheduler::GetLatenessStatistics() c
 void PreciseScheduler::ResetLatenessStatistics()
 {
     state->statistics.ResetLateness();
+    state->waiting.ResetLongestStall();
 }
 
 double PreciseScheduler::GetThreadCpuSeconds() const
@@ -195,6 +198,7 @@ PreciseScheduler::WaitTimes PreciseScheduler::GetWaitTimes() const
     WaitTimes times;
     times.sleptSeconds = static_cast<double>(state->waiting.SleptNs()) / 1e9;
     times.spunSeconds = static_cast<double>(state->waiting.SpunNs()) / 1e9;
+    times.longestStallSeconds = static_cast<double>(state->waiting.LongestStallNs()) / 1e9;
     return times;
 }
 

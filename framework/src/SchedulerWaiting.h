@@ -99,6 +99,7 @@ public:
         while (at < deadline) {
             Pause();
             at = Monotonic();
+            RanAt(at);
         }
         Spun(at - now);
         return true;
@@ -140,6 +141,22 @@ public:
     // What the thread has spent sleeping and spinning so far; for hosts.
     Nanoseconds SleptNs() const { return slept.load(std::memory_order_relaxed); }
     Nanoseconds SpunNs() const { return spun.load(std::memory_order_relaxed); }
+
+    // The thread, at each reading of the clock while it means to run (spinning, taking in
+    // events): the longest time between two such readings is the longest that it stood still,
+    // kept from running by other threads, the kernel or its machine, or waiting for the intake's
+    // lock. A sleep it chose and an event it ran do not count.
+    void RanAt(Nanoseconds now)
+    {
+        if (lastRan != 0 && now - lastRan > longestStall.load(std::memory_order_relaxed))
+            longestStall.store(now - lastRan, std::memory_order_relaxed);
+        lastRan = now;
+    }
+    // The thread, after a time that it spent as it meant to (running an event): counting starts again.
+    void Resumed(Nanoseconds now) { lastRan = now; }
+    // Since the last reset; for hosts, which reset it when a run begins.
+    Nanoseconds LongestStallNs() const { return longestStall.load(std::memory_order_relaxed); }
+    void ResetLongestStall() { longestStall.store(0, std::memory_order_relaxed); }
 
 private:
     // The margin is the recent wakes' lateness and a guard, never below the floor (a wake takes
@@ -219,7 +236,8 @@ private:
                                                   std::chrono::nanoseconds(until)))) == std::cv_status::timeout;
         }
         sleepingUntil = Awake;
-        slept.store(slept.load(std::memory_order_relaxed) + (Monotonic() - start), std::memory_order_relaxed);
+        lastRan = Monotonic();
+        slept.store(slept.load(std::memory_order_relaxed) + (lastRan - start), std::memory_order_relaxed);
         return !intake.Ending();
     }
 
@@ -233,6 +251,7 @@ private:
         while (now < until && !intake.MayHaveEvents() && !intake.Ending() && Spinning()) {
             Pause();
             now = Monotonic();
+            RanAt(now);
         }
         Spun(now - start);
         return !intake.Ending();
@@ -246,6 +265,7 @@ private:
         while (!intake.MayHaveEvents() && now < start + EmptyQueueSpin) {
             Pause();
             now = Monotonic();
+            RanAt(now);
         }
         Spun(now - start);
         return intake.MayHaveEvents();
@@ -262,6 +282,8 @@ private:
     // Written by the thread only, read by hosts.
     std::atomic<Nanoseconds> slept{0};
     std::atomic<Nanoseconds> spun{0};
+    Nanoseconds lastRan = 0; // the thread's own
+    std::atomic<Nanoseconds> longestStall{0};
     std::atomic<bool> bSpinning{false};
 };
 

@@ -57,10 +57,13 @@ public:
     // The thread's realtime priority (SCHED_FIFO or SCHED_RR), or 0 at ordinary priority. The
     // thread takes the scheduling of the thread that first calls GetInstance.
     int GetThreadPriority() const;
-    // How long the thread has slept and spun (waiting for deadlines and events) since it started.
+    // How long the thread has slept and spun (waiting for deadlines and events) since it started,
+    // and the longest it stood still while it meant to run (kept off its core, stopped by the
+    // kernel, waiting for a lock) since the lateness statistics were last reset.
     struct WaitTimes {
         double sleptSeconds = 0;
         double spunSeconds = 0;
+        double longestStallSeconds = 0;
     };
     WaitTimes GetWaitTimes() const;
 
