@@ -36,7 +36,7 @@ build=${BUILD:-$root/build/release}
 pacing_frames=${PACING_FRAMES:-100000}
 throughput_frames=${THROUGHPUT_FRAMES:-200000}
 command -v tcpreplay >/dev/null || "$root/scripts/install-deps.sh" tcpreplay
-jemalloc=$(ls /usr/lib/*/libjemalloc.so.2 2>/dev/null | head -1)
+jemalloc=$(ls /usr/lib/*/libjemalloc.so.2 2>/dev/null | head -1 || true)
 [ -z "$throughput_only" ] || [ -n "$jemalloc" ] || { "$root/scripts/install-deps.sh" libjemalloc2; jemalloc=$(ls /usr/lib/*/libjemalloc.so.2 | head -1); }
 cmake --build "$build" -j2 --target lyrcap lyrpcap make-fixture bench-inject-loop bench-wire-gaps bench-send-frame >/dev/null
 
