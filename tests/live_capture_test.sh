@@ -359,6 +359,13 @@ for user in nobody ""; do
     else
         check "a root send keeps, on every thread, only CAP_NET_RAW, CAP_SYS_NICE and CAP_DAC_OVERRIDE" \
             same_credentials 0 0 "" $((NET_RAW | SYS_NICE | DAC_OVERRIDE))
+        # The reading thread runs at realtime priority one below the scheduler's, so that a
+        # thread spinning on its core never keeps it waiting.
+        reading_and_scheduler() {
+            test "$(awk '{print $41, $40}' /proc/"$pid"/stat) $(for task in /proc/"$pid"/task/*; do
+                [ "$(cat "$task/comm")" = LYR-Scheduler ] && awk '{print $41, $40}' "$task/stat"; done)" = "1 9 1 10"
+        }
+        check "the reading thread runs at realtime priority 9, the scheduler's at 10" await "" reading_and_scheduler
     fi
     wait "$pid"; pid=
     check "send ${user:+--user $user }sends every frame" grep -q "^frames sent: 200$" "$dir/out"
