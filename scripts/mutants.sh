@@ -12,6 +12,9 @@ list=$(realpath "${1:-$root/tests/mutants.txt}")
 work=$root/build/mutants
 src=$work/src build=$work/build logs=$work/logs
 export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-2}
+# A script test ends at its first failed check: its other checks cannot change the verdict, and
+# the live test would otherwise run its full two minutes three times for every fault it catches.
+export LYR_FIRST_FAILURE_ENDS=1
 "$root/scripts/install-deps.sh" rsync
 started=$SECONDS
 
