@@ -179,12 +179,16 @@ wait
 check "and read whole" grep -q "^packets: *500000$" "$dir/out"
 check "in memory for a buffer, not the stream" test $(($(cat "$dir/big.pcap" | TMPDIR=$dir/spool rss /dev/stdin) - $(rss "$eth"))) -lt 20000
 check "leaving nothing behind" test -z "$(ls -A "$dir/spool")"
+# Standard input that is a file is read from where it stands, as a pipe would be.
+{ head -c 40 /dev/zero; cat "$eth"; } >"$dir/after40"
+check "standard input that is a file is read from its offset" \
+    test "$({ head -c 40 >/dev/null; "$lyrcap" info - 2>&1; } <"$dir/after40" | grep -c "^packets: *20$")" = 1
 
 # The short options people type, bundled and all, and "--" that ends the options.
 cp "$eth" "$dir/-dash.pcap"
 check "-r, -c, -q and a bundle of them" test "$("$lyrcap" replay -qc 3 -r "$eth" 2>/dev/null | wc -l) $("$lyrcap" replay -c2 "$eth" 2>/dev/null | wc -l)" = "3 2"
 check "convert -r IN -w OUT" test "$(status "$lyrcap" convert -c 4 -w "$dir/short.pcap" -r "$eth"; tcpdump -r "$dir/short.pcap" 2>/dev/null | wc -l)" = $'0\n4'
-check "-- ends the options" test "$(status "$lyrcap" info -- "$dir/-dash.pcap"; grep -c "^packets: *20$" "$dir/out")" = $'0\n1'
+check "-- ends the options" test "$(status "$lyrcap" info -- "$dir/-dash.pcap"; grep -c "^file: *$dir/-dash.pcap$" "$dir/out")" = $'0\n1'
 for words in "replay -x $eth" "replay -c $eth -c" "info --json=1 $eth" "capture -i"; do
     check "lyrcap $words is a usage error" test "$(status "$lyrcap" ${words//\$eth/$eth})" = 2
 done

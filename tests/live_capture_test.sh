@@ -143,7 +143,7 @@ kill -KILL "$pid"; wait "$pid" 2>/dev/null; pid=
 check "a killed capture leaves them all" test "$(sequence 300 "$dir/killed.pcap" | wc -l)" = 5 -a "$(sequence 400 "$dir/killed.pcap" | wc -l)" -ge 200
 # A ring of files of at most 1 MB, the newest two kept: no frame lost or doubled at a switch.
 "$make_fixture" bench "$dir/ring-traffic.pcap" --packets 4000 --size 500 --gap-us 200 >/dev/null
-start_capture -w "$dir/ring.pcap" --file-size 1 --files 2
+start_capture -w "$dir/ring.pcap" -C 1 --files 2
 "$lyrcap" send "$dir/ring-traffic.pcap" lyrveth1 --timeout 18446744073709551615 >/dev/null 2>&1
 # Until the last frame (3999) is in the files: traffic after a pause writes out what waits.
 await send eval 'test "$(sequence 500 "$dir"/ring_0000[23].pcap | tail -1)" = 00000f9f'
