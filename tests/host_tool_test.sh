@@ -201,7 +201,7 @@ text2pcap -q -F pcap -T 40000,80 "$dir/payload.txt" "$dir/tcp.pcap" >/dev/null 2
 text2pcap -q -F pcap -i 1 "$dir/echo.txt" "$dir/icmp.pcap" >/dev/null 2>&1
 mergecap -F pcap -w "$dir/mixed.pcap" "$dir/tcp.pcap" "$dir/icmp.pcap" "$eth"
 for source in "$dir/mixed.pcap" "$raw"; do
-    for expression in "tcp port 80 or icmp" "arp" "udp and dst port 5000" "ip and not udp" "ether broadcast" "net 224.0.0.0/4"; do
+    for expression in "tcp port 80 or icmp" "arp" "udp and dst port 5000" "ip and not udp" "ether broadcast" "net 224.0.0.0/4" "greater 100"; do
         kept=$(tcpdump -tt -nn -xx -r "$source" "$expression" 2>"$dir/tcpdump.err")
         if reason=$(sed -n 's/^tcpdump: //p' "$dir/tcpdump.err") && [ -n "$reason" ]; then # "arp" on bare IP packets
             check "replay of $(basename "$source") with '$expression' fails with tcpdump's reason: $reason" \
@@ -230,6 +230,12 @@ check "with capinfos's figures, in fixed units" test "$(jq -r 'select(.packets =
     "$(printf '%s\t%s\t%s\t%s\t%s\tEN10MB\t0' "$packets" "$bytes" "$(usec "$first")" "$(usec "$last")" $((($(usec "$last") - $(usec "$first")) / 1000)))"
 check "convert --json sums up in one object" \
     test "$("$lyrcap" convert "$dir/mixed.pcap" "$dir/x.pcap" --json icmp 2>/dev/null | jq -r '[.frames, .filtered_out, .filter, .damage] | @tsv')" = $'1\t21\ticmp\t'
+cp "$eth" "$dir/a\"b €.pcap"
+check "a file name with quotes and other scripts' letters comes out whole" \
+    test "$("$lyrcap" info --json "$dir/a\"b €.pcap" 2>/dev/null | jq -r .file)" = "$dir/a\"b €.pcap"
+check "and its duration in milliseconds, as info's" \
+    test "$("$lyrcap" convert "$eth" "$dir/x.pcap" --json 2>/dev/null | jq .duration_ms)" = "$(jq 'select(.packets == 20) | .duration_ms' "$dir/json")"
+check "info of a file it cannot read and a damaged one exits 1, the worse" test "$(status "$lyrcap" info "$dir/payload.txt" "$dir/cut130.pcap")" = 1
 check "convert --json to standard output is a usage error" test "$(status "$lyrcap" convert "$eth" - --json)" = 2
 
 # What cannot be read is said. A file cut anywhere: at the end of a record it is whole and reads

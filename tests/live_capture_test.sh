@@ -220,12 +220,14 @@ check "with exit 1, saying so" test "$(cat "$dir/exit")" = 1 -a \
 wait
 # A filter expression: the back-end's own forms go to the kernel, anything else runs on the frames
 # received (the summary counts what it left out); the traffic is UDP to port 5000.
-for filter in "dst port 5001:0:" "udp and dst port 5000:50:, 0 left out" "not udp:0:, [1-9][0-9]* left out"; do
+for filter in "dst port 5001:0:" "udp and dst port 5000:50:, 0 left out" "src host 10.0.0.2:0:, [1-9][0-9]* left out" \
+    "not udp:0:, [1-9][0-9]* left out"; do
     IFS=: read -r expression kept leftOut <<<"$filter"
-    "$lyrcap" capture -i lyrveth0 -c 50 --seconds 3 $expression 2>"$dir/err" & pid=$!
+    "$lyrcap" capture -qi lyrveth0 -c 50 --seconds 3 $expression 2>"$dir/err" & pid=$!
     await send ended; wait "$pid"; pid=
     check "capture '$expression' keeps $kept frames" grep -q "^$kept frames, .*refused$leftOut" "$dir/err"
 done
+check "and -q leaves out the status lines of its three seconds" test "$(grep -c "frames/s$" "$dir/err")" = 0
 # A ring by time: each file holds at most a second of frames by their stamps; frames 300 ms apart
 # run on from file to file, each once, and the summary (as JSON too) lists the files.
 "$make_fixture" bench "$dir/slow.pcap" --packets 12 --size 300 --gap-us 300000 >/dev/null
@@ -236,13 +238,18 @@ kill -INT "$pid"; wait "$pid"; pid=
 span() { tcpdump -tt -r "$1" 2>/dev/null | awk 'NR == 1 {first = $1} {last = $1} END {print (last - first < 1) ? "short" : "long"}'; }
 # The files, from the summary's list (a board without jq reads them from the folder).
 files=$(if command -v jq >/dev/null; then jq -r '.files[]' "$dir/json"; else ls "$dir"/timed_*.pcap; fi)
-check "capture -G 1 writes files of less than a second each" test "$(for f in $files; do span "$f"; done | sort -u)" = short -a "$(wc -w <<<"$files")" -ge 3
+# A new file starts only at a frame a second or more after its file's first: no more files than
+# whole seconds between the first frame and the last, and one.
+most=$(for f in $files; do tcpdump -tt -r "$f" 2>/dev/null | cut -d' ' -f1; done | sort -n | awk 'NR == 1 {first = $1} {last = $1} END {print int(last - first) + 1}')
+check "capture -G 1 writes files of less than a second each ($(wc -w <<<"$files") files, $most at most)" \
+    test "$(for f in $files; do span "$f"; done | sort -u)" = short -a "$(wc -w <<<"$files")" -ge 3 -a "$(wc -w <<<"$files")" -le "$most"
 check "with every frame once, in order" test "$(sequence 300 $files | tr '\n' ' ')" = "$(for n in $(seq 0 11); do printf '%08x ' $n; done)"
 # send with -r, -i, -c and a filter, summed up in JSON.
 "$lyrcap" send -c 30 -r "$dir/traffic.pcap" -i lyrveth1 --json --topspeed udp >"$dir/send.json" 2>/dev/null
 if command -v jq >/dev/null; then
     check "capture --json sums up in one object" test "$(jq -r '[.device, .files_removed, .interrupted] | @tsv' "$dir/json")" = $'lyrveth0\t0\ttrue'
-    check "send -r -i -c --json" test "$(jq -r '[.frames_sent, .handed_over_frames, .filter, .lateness_us] | @tsv' "$dir/send.json")" = $'30\t30\tudp\t'
+    check "send -r -i -c --json, no frame handed over late at top speed" \
+        test "$(jq -r '[.frames_sent, .handed_over_frames, .filter, .lateness_us, .handed_over_late] | @tsv' "$dir/send.json")" = $'30\t30\tudp\t\t0'
 else
     echo "skipped: the JSON summaries of capture and send (no jq here)"
 fi
@@ -326,8 +333,6 @@ check "send sends every frame" sent
 "$lyrcap" send "$dir/many.pcap" lyrveth1 --topspeed >"$dir/out" 2>"$dir/err"
 check "send --topspeed of a file longer than the lateness limit sends every frame" \
     test "$(head -2 "$dir/out")" = $'frames sent: 20000\ndropped as late: 0'
-"$lyrcap" send "$dir/traffic.pcap" lyrveth1 --topspeed --priority 0 >"$dir/out" 2>"$dir/err"
-check "send --priority 0 leaves the scheduler at ordinary priority" grep -q "^scheduler thread: ordinary priority," "$dir/out"
 # --spin: a paced file leaves whole and in order, the thread spinning through most of its gaps;
 # without it the thread sleeps through them and spins only a margin before each frame.
 spun() { awk -F'spun ' '/^scheduler thread:/ { print ($2 + 0 >= 0.5) ? "most" : "little" }' "$dir/out"; }
@@ -341,14 +346,35 @@ check "send --spin sends a paced file whole and in order" \
 check "and its thread spins through the gaps" test "$(grep -c "spinning through the gaps" "$dir/out")/$(spun)" = 1/most
 "$lyrcap" send "$dir/paced.pcap" lyrveth1 --timeout 18446744073709551615 >"$dir/out" 2>"$dir/send.err"
 check "without --spin it sleeps through them" test "$(grep -c "spinning" "$dir/out")/$(spun)" = 0/little
+check "and every frame was handed over before its time" test "$(grep -c "after their time" "$dir/out")" = 0
+# --priority 0: the scheduler's thread and the reading thread stay ordinary all through the send,
+# also where a realtime priority needs no privilege (a limit on realtime priority above 0, as an
+# administrator may give a group), where this system lets the limit be raised.
+limit=$(prlimit --rtprio=5 true 2>/dev/null && echo "prlimit --rtprio=5")
+$limit "$lyrcap" send "$dir/paced.pcap" lyrveth1 --priority 0 --timeout 18446744073709551615 >"$dir/out" 2>"$dir/send.err" & pid=$!
+await "" has_thread LYR-Scheduler
+wakes() { awk '/^voluntary_ctxt_switches/ {print $2}' /proc/"$pid"/task/"$pid"/status; }
+before=$(wakes)
+for _ in 1 2 3 4 5; do sleep 0.1; awk '{print $41, $40}' /proc/"$pid"/stat; done >"$dir/policies"
+after=$(wakes)
+wait "$pid"; pid=
+# Frames 5 ms apart enter the window one by one: the reading thread sleeps until the next one
+# does, about 100 times in half a second, never polling through the gap.
+check "send's reading thread sleeps until the next frame enters its window ($((after - before)) wakes)" \
+    test $((after - before)) -lt 1000
+check "send --priority 0 leaves the scheduler at ordinary priority" grep -q "^scheduler thread: ordinary priority," "$dir/out"
+check "and its reading thread too" test "$(sort -u "$dir/policies")" = "0 0"
 # The summary tells how long the spinning thread stood still at the worst: the process is stopped
-# for 0.3 s four times, most of which land while the thread spins.
+# for 0.3 s three times, most of which land while the thread spins, then for 0.8 s, longer than
+# the reading thread keeps ahead.
 "$make_fixture" bench "$dir/paced3.pcap" --packets 600 --size 300 --gap-us 5000 >/dev/null
 "$lyrcap" send "$dir/paced3.pcap" lyrveth1 --spin --timeout 18446744073709551615 >"$dir/out" 2>"$dir/send.err" & pid=$!
-for _ in 1 2 3 4; do sleep 0.2; kill -STOP "$pid"; sleep 0.3; kill -CONT "$pid"; done
+for stop in 0.3 0.3 0.3 0.8; do sleep 0.2; kill -STOP "$pid"; sleep $stop; kill -CONT "$pid"; done
 wait "$pid"; pid=
 check "send --spin says how long its thread stood still, at least a stop's 300 ms" \
     awk '/stood still/ { for (i = 1; i < NF; i++) if ($i == "still") found = ($(i + 1) >= 250) } END { exit !found }' "$dir/out"
+check "and, after the stop longer than its window (0.5 s), how far behind the reading fell" \
+    awk '/after their time/ { for (i = 1; i < NF; i++) if ($i == "most") found = ($(i + 1) >= 100) } END { exit !found }' "$dir/out"
 # --user: the scheduler's thread is nobody's too, with the same narrow set; a root run keeps
 # CAP_DAC_OVERRIDE beside it.
 for user in nobody ""; do

@@ -239,7 +239,8 @@ TEST(PreciseScheduler, SpinsAtMostHalfOfEachSecondAndCountsItsWaiting)
 
 // Asked to spin, the thread spins through a long gap instead of sleeping, yet sleeps part of
 // every second, so that the kernel never stops it for the other threads of its core; not asked,
-// it sleeps through the gap. Either way the event runs at its time, not before.
+// it sleeps through the gap. Either way the event runs at its time, not before, and the gap counts
+// as waiting: the thread never stood still for a good part of it.
 TEST(PreciseScheduler, SpinsThroughTheGapsOnlyWhenAskedAndNeverWholeSeconds)
 {
     Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
@@ -248,11 +249,13 @@ TEST(PreciseScheduler, SpinsThroughTheGapsOnlyWhenAskedAndNeverWholeSeconds)
         Runs runs;
         runs.Schedule(0, scheduler.GetPresentTimestamp()); // the waiting before is not counted
         runs.WaitFor(1);
+        scheduler.ResetLatenessStatistics();
         const Lyr::PreciseScheduler::WaitTimes before = scheduler.GetWaitTimes();
         runs.Schedule(1, scheduler.GetPresentTimestamp() + gapUs);
         const std::vector<EventRun> ran = runs.WaitFor(2);
         EXPECT_TRUE(ran.size() == 2 && ran[1].startedAt >= ran[1].timestamp) << "early, or not run";
         const Lyr::PreciseScheduler::WaitTimes after = scheduler.GetWaitTimes();
+        EXPECT_LT(after.longestStallSeconds, 0.15) << "the wait through the gap counted as standing still";
         return std::make_pair(after.spunSeconds - before.spunSeconds, after.sleptSeconds - before.sleptSeconds);
     };
     EXPECT_FALSE(scheduler.IsSpinning());
