@@ -364,6 +364,20 @@ check "send's reading thread sleeps until the next frame enters its window ($((a
     test $((after - before)) -lt 1000
 check "send --priority 0 leaves the scheduler at ordinary priority" grep -q "^scheduler thread: ordinary priority," "$dir/out"
 check "and its reading thread too" test "$(sort -u "$dir/policies")" = "0 0"
+# --spin warns at its start where the kernel would stop its thread for part of each second. The
+# kernel's limit is faked in this script's own mount namespace; the machine's stays as it is.
+echo 500000 >"$dir/runtime"
+if mount --bind "$dir/runtime" /proc/sys/kernel/sched_rt_runtime_us 2>/dev/null; then
+    "$lyrcap" send "$dir/traffic.pcap" lyrveth1 --spin -c 1 >/dev/null 2>"$dir/err"
+    check "send --spin warns where realtime threads may run half of each second" \
+        grep -q "^lyrcap send: --spin: the kernel lets realtime threads run only 500 ms of every 1000 ms" "$dir/err"
+    echo -1 >"$dir/runtime"
+    "$lyrcap" send "$dir/traffic.pcap" lyrveth1 --spin -c 1 >/dev/null 2>"$dir/err"
+    check "and not where they may run without a limit" test "$(grep -c sched_rt_runtime_us "$dir/err")" = 0
+    umount /proc/sys/kernel/sched_rt_runtime_us
+else
+    echo "skipped: the warning of --spin (the kernel's realtime limit cannot be faked here)"
+fi
 # The summary tells how long the spinning thread stood still at the worst: the process is stopped
 # for 0.3 s three times, most of which land while the thread spins, then for 0.8 s, longer than
 # the reading thread keeps ahead.
