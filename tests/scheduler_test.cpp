@@ -7,6 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -14,6 +18,7 @@
 #include <memory>
 #include <random>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -240,7 +245,8 @@ TEST(PreciseScheduler, SpinsAtMostHalfOfEachSecondAndCountsItsWaiting)
 // Asked to spin, the thread spins through a long gap instead of sleeping, yet sleeps part of
 // every second, so that the kernel never stops it for the other threads of its core; not asked,
 // it sleeps through the gap. Either way the event runs at its time, not before, and the gap counts
-// as waiting: the thread never stood still for a good part of it.
+// as waiting: the thread never stood still for a good part of it, unless the process was stopped,
+// which is said until the statistics are reset.
 TEST(PreciseScheduler, SpinsThroughTheGapsOnlyWhenAskedAndNeverWholeSeconds)
 {
     Lyr::PreciseScheduler& scheduler = Lyr::PreciseScheduler::GetInstance();
@@ -255,18 +261,32 @@ TEST(PreciseScheduler, SpinsThroughTheGapsOnlyWhenAskedAndNeverWholeSeconds)
         const std::vector<EventRun> ran = runs.WaitFor(2);
         EXPECT_TRUE(ran.size() == 2 && ran[1].startedAt >= ran[1].timestamp) << "early, or not run";
         const Lyr::PreciseScheduler::WaitTimes after = scheduler.GetWaitTimes();
-        EXPECT_LT(after.longestStallSeconds, 0.15) << "the wait through the gap counted as standing still";
-        return std::make_pair(after.spunSeconds - before.spunSeconds, after.sleptSeconds - before.sleptSeconds);
+        return std::make_tuple(after.spunSeconds - before.spunSeconds, after.sleptSeconds - before.sleptSeconds,
+                               after.longestStallSeconds);
     };
     EXPECT_FALSE(scheduler.IsSpinning());
-    EXPECT_LT(waitThrough(300000).first, 0.1) << "spun through a gap while not asked to";
+    const auto [spunAsleep, _, stallAsleep] = waitThrough(300000);
+    EXPECT_LT(spunAsleep, 0.1) << "spun through a gap while not asked to";
+    EXPECT_LT(stallAsleep, 0.15) << "the sleep through the gap counted as standing still";
     scheduler.SetSpinning(true);
     EXPECT_TRUE(scheduler.IsSpinning());
     // Five seconds hold four whole ones, in each of which it spins 0.7 s and sleeps the rest.
-    const auto [spun, slept] = waitThrough(5000000);
-    scheduler.SetSpinning(false);
+    const auto [spun, slept, stall] = waitThrough(5000000);
     EXPECT_GE(spun, 2.0) << "did not spin through the gap, or not again after its first second";
     EXPECT_GE(slept, 0.5) << "spun through whole seconds";
+    EXPECT_LT(stall, 0.15) << "the spin through the gap counted as standing still";
+    // The process stopped for 0.3 s twice, 0.45 s apart, so that one stop at least lands while the
+    // thread spins: it stood still that long. The next quiet gap, after a reset, says no such stall.
+    const std::string stops = "sleep 0.1; for stop in 1 2; do kill -STOP " + std::to_string(getpid()) +
+                              "; sleep 0.3; kill -CONT " + std::to_string(getpid()) + "; sleep 0.15; done";
+    const char* const command[] = {"sh", "-c", stops.c_str(), nullptr};
+    pid_t stopper;
+    ASSERT_EQ(posix_spawnp(&stopper, "sh", nullptr, nullptr, const_cast<char* const*>(command), environ), 0);
+    const double stalledWhileStopped = std::get<2>(waitThrough(1500000));
+    waitpid(stopper, nullptr, 0);
+    EXPECT_GE(stalledWhileStopped, 0.25) << "a stop of the process was not seen";
+    EXPECT_LT(std::get<2>(waitThrough(300000)), 0.15) << "a stall before the reset was still said after it";
+    scheduler.SetSpinning(false);
 }
 
 // Senders on several threads at once, as many outputs of one process would be: every event runs
