@@ -148,9 +148,7 @@ void StartAtRealtimePriority(int priority, const std::string& what, const std::f
     int policy = 0;
     sched_param previous{};
     pthread_getschedparam(pthread_self(), &policy, &previous);
-    sched_param wanted{};
-    wanted.sched_priority = priority;
-    const int refused = priority > 0 ? pthread_setschedparam(pthread_self(), SCHED_FIFO, &wanted) : 0;
+    const int refused = priority > 0 ? SetRealtimePriority(priority) : 0;
     if (refused != 0)
         std::cerr << "lyrcap: realtime priority refused (" << std::strerror(refused) << "); " << what
                   << " at ordinary priority\n";
@@ -159,11 +157,11 @@ void StartAtRealtimePriority(int priority, const std::string& what, const std::f
         pthread_setschedparam(pthread_self(), policy, &previous);
 }
 
-bool SetRealtimePriority(int priority)
+int SetRealtimePriority(int priority)
 {
     sched_param wanted{};
     wanted.sched_priority = priority;
-    return pthread_setschedparam(pthread_self(), SCHED_FIFO, &wanted) == 0;
+    return pthread_setschedparam(pthread_self(), SCHED_FIFO, &wanted);
 }
 
 void InstallSignalHandlers()

@@ -44,9 +44,9 @@ bool StandardOutputWritten(const std::string& command);
 // scheduling of its maker. Where the system refuses, says so on standard error, naming what
 // runs at ordinary priority instead.
 void StartAtRealtimePriority(int priority, const std::string& what, const std::function<void()>& start);
-// Puts the calling thread at realtime priority `priority` (SCHED_FIFO) from now on; false where
-// the system refuses.
-bool SetRealtimePriority(int priority);
+// Puts the calling thread at realtime priority `priority` (SCHED_FIFO) from now on; 0, or the
+// system's reason for refusing.
+int SetRealtimePriority(int priority);
 bool Interrupted();
 // -q: no status lines and no progress on standard error, for the rest of the run.
 void BeQuiet();

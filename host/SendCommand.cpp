@@ -194,17 +194,19 @@ template <typename Pause> bool WaitWhile(Pause pause, Tally& tally, const LogWat
 // "" where nothing does. It spins up to 800 ms of each second at realtime priority.
 std::string SpinHindrance()
 {
-    long long runtime = -1, period = 1000000;
-    if (std::FILE* limit = std::fopen("/proc/sys/kernel/sched_rt_runtime_us", "re")) {
-        if (std::fscanf(limit, "%lld", &runtime) != 1)
-            runtime = -1;
-        std::fclose(limit);
-    }
-    if (std::FILE* length = std::fopen("/proc/sys/kernel/sched_rt_period_us", "re")) {
-        if (std::fscanf(length, "%lld", &period) != 1 || period <= 0)
-            period = 1000000;
-        std::fclose(length);
-    }
+    const auto setting = [](const char* path, long long fallback) {
+        long long value = fallback;
+        if (std::FILE* file = std::fopen(path, "re")) {
+            if (std::fscanf(file, "%lld", &value) != 1)
+                value = fallback;
+            std::fclose(file);
+        }
+        return value;
+    };
+    const long long runtime = setting("/proc/sys/kernel/sched_rt_runtime_us", -1);
+    long long period = setting("/proc/sys/kernel/sched_rt_period_us", 1000000);
+    if (period <= 0)
+        period = 1000000;
     if (runtime >= 0 && runtime * 10 < period * 9)
         return "the kernel lets realtime threads run only " + std::to_string(runtime / 1000) + " ms of every " +
                std::to_string(period / 1000) +
